@@ -1,0 +1,70 @@
+// Layouts turn events into text for the writer appenders.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "zvlog/Export.h"
+#include "zvlog/LoggingEvent.h"
+
+namespace zvs::zvlib::zvlog {
+
+class ZVLOG_API Layout {
+public:
+    virtual ~Layout();
+    // Appends the event's text to out.
+    virtual void format(const LoggingEvent* event, std::string& out) = 0;
+    virtual const char* getContentType() const;
+    virtual void getHeader(std::string& out) const;
+    virtual void getFooter(std::string& out) const;
+    virtual unsigned int getFooterLength() const;
+    virtual bool canLayoutEvents() const;
+};
+
+// Renders events by a conversion pattern parsed once at construction.
+class ZVLOG_API PatternLayout : public Layout {
+public:
+    static constexpr const char* DEFAULT_CONVERSION_PATTERN = "%m%n";
+
+    explicit PatternLayout(const char* pattern);
+    ~PatternLayout() override;
+    void format(const LoggingEvent* event, std::string& out) override;
+    const std::string& getPattern() const { return pattern_; }
+
+    struct Element {
+        int kind;            // 0 literal, '?' malformed, else the conversion character
+        bool leftAlign;
+        bool zeroPad;
+        int minWidth;
+        int maxWidth;
+        std::string option;  // text between braces, or a malformed element's text
+        int optionNumber;
+        const char* literal;
+        size_t literalLength;
+    };
+    const std::vector<Element>& elements() const { return elements_; }
+
+private:
+    void parse();
+    void formatElement(const Element& e, const LoggingEvent* event, std::string& out);
+
+    std::vector<Element> elements_;
+    std::string scratch_;
+    std::string pattern_;
+};
+
+// Marks an appender as carrying the binary event encoding: it receives whole
+// blocks of the event buffer instead of single events.
+class ZVLOG_API BinaryLayout : public Layout {
+public:
+    void format(const LoggingEvent* event, std::string& out) override;
+    const char* getContentType() const override;
+    bool canLayoutEvents() const override;
+};
+
+// Formats a time as local time with a strftime format, where "%z" and "%Z"
+// print the UTC offset as +hhmm and "%S" is followed by ".mmm". Times below
+// 1189622117 seconds are durations and print as seconds.milliseconds.
+ZVLOG_API void formatDate(const timeval32_t& time, const char* format, std::string& out);
+
+}  // namespace zvs::zvlib::zvlog

@@ -1,0 +1,229 @@
+// Loggers and the repository: the hierarchy, effective levels, delivery up
+// the ancestry, the standard loggers and name handling.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+
+#include "support/CaptureAppender.h"
+#include "zvlog/msg/RaiseMessage.h"
+#include "zvlog/zvlog.h"
+
+using namespace zvs::zvlib::zvlog;
+using zvtest::CaptureAppender;
+
+namespace {
+
+LoggerRepository* repo() { return Logger::getRepository(); }
+
+TEST(Logger, MissingAncestorsAreCreatedInOrderWithTheirParents) {
+    Logger* c = repo()->getLogger("hier1.b.c");
+    Logger* b = repo()->exists("hier1.b");
+    Logger* a = repo()->exists("hier1");
+    ASSERT_NE(a, nullptr);
+    ASSERT_NE(b, nullptr);
+    EXPECT_EQ(a->getParent(), repo()->getRootLogger());
+    EXPECT_EQ(b->getParent(), a);
+    EXPECT_EQ(c->getParent(), b);
+    EXPECT_EQ(b->getIndex(), a->getIndex() + 1);
+    EXPECT_EQ(c->getIndex(), a->getIndex() + 2);
+    EXPECT_STREQ(c->getName(), "hier1.b.c");
+    EXPECT_STREQ(repo()->getLoggerName(c->getIndex()), "hier1.b.c");
+    EXPECT_STREQ(repo()->getLoggerName(0), "");
+    EXPECT_EQ(repo()->getRootLogger()->getIndex(), 0);
+}
+
+TEST(Logger, EqualNamesGiveTheSameLoggerWhateverThePointer) {
+    char first[32] = "same.name";
+    Logger* l1 = repo()->getLogger(first);
+    std::string copy = "same.name";
+    EXPECT_EQ(repo()->getLogger(copy.c_str()), l1);
+    // A caller's buffer that later holds another name must not find the old logger.
+    std::strcpy(first, "same.other");
+    Logger* l2 = repo()->getLogger(first);
+    EXPECT_NE(l2, l1);
+    EXPECT_STREQ(l2->getName(), "same.other");
+}
+
+TEST(Logger, EffectiveLevelInheritsFromTheNearestSetAncestor) {
+    Logger* parent = repo()->getLogger("inh");
+    Logger* child = repo()->getLogger("inh.child");
+    parent->setLevel(LEVEL_INFO);
+    EXPECT_EQ(child->getLevel(), LEVEL_INHERIT);
+    EXPECT_EQ(child->getEffectiveLevel(), LEVEL_INFO);
+    EXPECT_TRUE(child->isEnabledFor(LEVEL_INFO));
+    EXPECT_FALSE(child->isEnabledFor(LEVEL_DEBUG));
+    parent->setLevel(LEVEL_INHERIT);
+    EXPECT_EQ(child->getEffectiveLevel(), repo()->getRootLogger()->getLevel());
+    EXPECT_EQ(child->getEffectiveLevel(), LEVEL_WARN);
+}
+
+TEST(Logger, LevelTestIsAtOrAboveTheThreshold) {
+    Logger* l = repo()->getLogger("thr");
+    l->setLevel(LEVEL_ERROR);
+    EXPECT_TRUE(l->isEnabledFor(239));
+    l->setLevel(240);
+    EXPECT_FALSE(l->isEnabledFor(239));
+    EXPECT_STREQ(getLevelName(100), "<undefined>");
+    EXPECT_STREQ(getLevelName(240), "<undefined>");
+    EXPECT_STREQ(getLevelName(LEVEL_DATA), "DATA");
+}
+
+TEST(Logger, RepositoryFloorRaisesEveryEffectiveLevel) {
+    Logger* l = repo()->getLogger("floor.x");
+    l->setLevel(LEVEL_ALL);
+    repo()->setThreshold(LEVEL_ERROR);
+    EXPECT_EQ(l->getEffectiveLevel(), LEVEL_ERROR);
+    repo()->setThreshold(LEVEL_ALL);
+    EXPECT_EQ(l->getEffectiveLevel(), LEVEL_ALL);
+}
+
+TEST(Logger, AdditivityOffStopsDeliveryAtThatLogger) {
+    Logger* a = repo()->getLogger("add");
+    Logger* ab = repo()->getLogger("add.b");
+    Logger* abc = repo()->getLogger("add.b.c");
+    CaptureAppender onA("add-a"), onAB("add-ab"), onABC("add-abc");
+    a->addAppender(onA);
+    ab->addAppender(onAB);
+    abc->addAppender(onABC);
+    a->setLevel(LEVEL_ALL);
+    ab->setAdditivity(false);
+    unsigned long long loggedBefore[3] = {a->getEventsLogged(), ab->getEventsLogged(), abc->getEventsLogged()};
+
+    ZVLOG_INFO(abc, "one %d", 1);
+
+    EXPECT_EQ(onABC.size(), 1u);
+    EXPECT_EQ(onAB.size(), 1u);
+    EXPECT_EQ(onA.size(), 0u);
+    EXPECT_EQ(abc->getEventsLogged(), loggedBefore[2] + 1);
+    EXPECT_EQ(ab->getEventsLogged(), loggedBefore[1]);
+    EXPECT_EQ(a->getEventsLogged(), loggedBefore[0]);
+    EXPECT_EQ(abc->getEventsIssued(), 1u);
+    EXPECT_EQ(ab->getEventsIssued(), 1u);
+    a->removeAllAppenders();
+    ab->removeAllAppenders();
+    abc->removeAllAppenders();
+}
+
+TEST(Logger, AppenderAttachedTwiceReceivesTwiceAndRemovalTakesEveryEntry) {
+    Logger* l = repo()->getLogger("twice");
+    l->setLevel(LEVEL_ALL);
+    CaptureAppender app("twice-app");
+    l->addAppender(app);
+    l->addAppender(app);
+    EXPECT_TRUE(l->isAttached(app));
+    EXPECT_EQ(l->getAppender("twice-app"), &app);
+    EXPECT_EQ(l->getAppender("nope"), nullptr);
+    ZVLOG_WARN(l, "x");
+    EXPECT_EQ(app.size(), 2u);
+    EXPECT_TRUE(l->removeAppender("twice-app"));
+    EXPECT_FALSE(l->isAttached());
+    EXPECT_FALSE(l->removeAppender(app));
+}
+
+TEST(Logger, ThresholdAndDisabledAppendersAreSkippedButCountAsVisits) {
+    Logger* l = repo()->getLogger("visits");
+    l->setLevel(LEVEL_ALL);
+    l->setAdditivity(false);
+    CaptureAppender high("visits-high"), off("visits-off");
+    high.setThreshold(LEVEL_ERROR);
+    off.setEnabled(false);
+    l->addAppender(high);
+    l->addAppender(off);
+    ZVLOG_WARN(l, "w");
+    ZVLOG_ERROR(l, "e");
+    ASSERT_EQ(high.size(), 1u);
+    EXPECT_EQ(high.events()[0].message, "e");
+    EXPECT_EQ(off.size(), 0u);
+    EXPECT_EQ(l->getEventsIssued(), 4u);
+    l->removeAllAppenders();
+}
+
+TEST(Logger, GetChildAppendsTheSuffix) {
+    Logger* p = repo()->getLogger("kid");
+    Logger* c = p->getChild("sub");
+    EXPECT_STREQ(c->getName(), "kid.sub");
+    EXPECT_EQ(c->getParent(), p);
+    EXPECT_STREQ(repo()->getRootLogger()->getChild("toplevel")->getName(), "toplevel");
+}
+
+TEST(Logger, OverlongParentNameIsReportedAndTheLoggerHangsFromTheRoot) {
+    std::string name(130, 'p');
+    name += ".leaf";
+    unsigned long long before = detail::raisedMessageCount(1112);
+    testing::internal::CaptureStderr();
+    Logger* l = repo()->getLogger(name.c_str());
+    std::string err = testing::internal::GetCapturedStderr();
+    EXPECT_EQ(detail::raisedMessageCount(1112), before + 1);
+    EXPECT_NE(err.find("QMR-01112"), std::string::npos) << err;
+    EXPECT_NE(err.find("zvs::zvlib::zvlog::LoggerName::LoggerName"), std::string::npos) << err;
+    EXPECT_EQ(l->getParent(), repo()->getRootLogger());
+    EXPECT_EQ(l->getName(), name);
+    // Exactly 126 characters before the dot are still fine.
+    std::string ok(126, 'q');
+    ok += ".leaf";
+    Logger* l2 = repo()->getLogger(ok.c_str());
+    EXPECT_EQ(detail::raisedMessageCount(1112), before + 1);
+    EXPECT_EQ(std::string(l2->getParent()->getName()), std::string(126, 'q'));
+}
+
+TEST(StandardLoggers, BytesReadOffUntilConfiguredAndFollowTheirLoggers) {
+    EXPECT_TRUE(zvlogInitialized());
+    EXPECT_FALSE(zvlogIsSingleThreaded());
+    unsigned char* bytes[] = {&zvlog_std_utility_effective_level,  &zvlog_std_utility_calltrace_effective_level,
+                              &zvlog_std_system_effective_level,   &zvlog_std_system_calltrace_effective_level,
+                              &zvlog_std_application_effective_level,
+                              &zvlog_std_application_calltrace_effective_level};
+    for (unsigned char* b : bytes) EXPECT_EQ(*b, 255);
+    // Creating and levelling other loggers leaves them off.
+    repo()->getLogger("unrelated.logger")->setLevel(LEVEL_DEBUG);
+    for (unsigned char* b : bytes) EXPECT_EQ(*b, 255);
+
+    EXPECT_STREQ(zvlog_std_utility->getName(), "zvlog.std.utility");
+    EXPECT_STREQ(zvlog_std_application_calltrace->getName(), "zvlog.std.application.calltrace");
+    EXPECT_EQ(zvlog_std_utility_calltrace->getParent(), zvlog_std_utility);
+
+    CaptureAppender app("std-capture");
+    zvlog_std_system->addAppender(app);
+    ZVLOG_STD(system, LEVEL_FATAL, "not yet");
+    EXPECT_EQ(app.size(), 0u);
+    zvlog_std_system->setLevel(LEVEL_INFO);
+    EXPECT_EQ(zvlog_std_system_effective_level, LEVEL_INFO);
+    ZVLOG_STD(system, LEVEL_INFO, "now %s", "yes");
+    ZVLOG_STD(system, LEVEL_DEBUG, "filtered");
+    ASSERT_EQ(app.size(), 1u);
+    EXPECT_EQ(app.events()[0].message, "now yes");
+    EXPECT_EQ(app.events()[0].loggerName, "zvlog.std.system");
+    // Unset, it inherits from its ancestors like any logger.
+    zvlog_std_system->setLevel(LEVEL_INHERIT);
+    EXPECT_EQ(zvlog_std_system_effective_level, repo()->getRootLogger()->getEffectiveLevel());
+    zvlog_std_system->removeAllAppenders();
+}
+
+TEST(Repository, ConfigurationCallbacksRunOnceEachInOrderAtReset) {
+    static std::string calls;
+    calls.clear();
+    auto first = +[](LoggerRepository*) { calls += "1"; };
+    auto second = +[](LoggerRepository*) { calls += "2"; };
+    LoggerRepository* r = repo();
+    r->testAndClearConfigurationSignal();
+    r->addConfiguration(first);
+    r->addConfiguration(second);
+    r->addConfiguration(first);  // already registered
+    EXPECT_TRUE(r->testAndClearConfigurationSignal());
+    Logger* l = r->getLogger("reset.me");
+    l->setLevel(LEVEL_DEBUG);
+    l->setAdditivity(false);
+    CaptureAppender app("reset-app");
+    l->addAppender(app);
+    r->resetConfiguration();
+    EXPECT_EQ(calls, "12");
+    EXPECT_FALSE(l->isAttached());
+    EXPECT_EQ(l->getLevel(), LEVEL_INHERIT);
+    EXPECT_TRUE(l->getAdditivity());
+    EXPECT_EQ(r->getRootLogger()->getLevel(), LEVEL_WARN);
+    r->clearConfiguration(first);
+    r->clearConfiguration(second);
+}
+
+}  // namespace

@@ -1,0 +1,321 @@
+// Pattern parsing, every conversion with its padding and cutting, the date
+// formatter, and the plain and binary layout defaults.
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <ctime>
+#include <string>
+
+#include "support/EventBuilder.h"
+#include "zvlog/Layout.h"
+#include "zvlog/Level.h"
+#include "zvlog/Logger.h"
+#include "zvlog/LoggingTime.h"
+
+using namespace zvs::zvlib::zvlog;
+using zvtest::EventBuilder;
+
+namespace {
+
+// 2023-11-14 22:13:20 UTC, a Tuesday.
+constexpr uint32_t kTuesday = 1700000000;
+
+class PatternLayoutTest : public ::testing::Test {
+protected:
+    void SetUp() override { useZone("UTC"); }
+    static void useZone(const char* tz) {
+        setenv("TZ", tz, 1);
+        tzset();
+    }
+
+    static std::string format(const char* pattern, EventBuilder& b) {
+        PatternLayout layout(pattern);
+        std::string out;
+        layout.format(b.get(), out);
+        return out;
+    }
+
+    static unsigned short loggerIndex(const char* name) {
+        return Logger::getRepository()->getLogger(name)->getIndex();
+    }
+};
+
+TEST_F(PatternLayoutTest, ParsesElements) {
+    PatternLayout layout("at %-05.12c{3}|%d{%H:%M}%n%c{x1}%m{%z%%");
+    const auto& el = layout.elements();
+    ASSERT_EQ(el.size(), 10u);
+
+    EXPECT_EQ(el[0].kind, 0);
+    EXPECT_EQ(std::string(el[0].literal, el[0].literalLength), "at ");
+
+    EXPECT_EQ(el[1].kind, 'c');
+    EXPECT_TRUE(el[1].leftAlign);
+    EXPECT_TRUE(el[1].zeroPad);
+    EXPECT_EQ(el[1].minWidth, 5);
+    EXPECT_EQ(el[1].maxWidth, 12);
+    EXPECT_EQ(el[1].option, "3");
+    EXPECT_EQ(el[1].optionNumber, 3);
+
+    EXPECT_EQ(std::string(el[2].literal, el[2].literalLength), "|");
+    EXPECT_EQ(el[3].kind, 'd');
+    EXPECT_EQ(el[3].option, "%H:%M");
+    EXPECT_EQ(el[3].optionNumber, 0);
+    EXPECT_EQ(el[4].kind, 'n');
+    EXPECT_EQ(el[5].kind, 'c');
+    EXPECT_EQ(el[5].option, "x1");
+    EXPECT_EQ(el[5].optionNumber, 0);
+
+    // An unclosed "{" is left as text for the literal that follows.
+    EXPECT_EQ(el[6].kind, 'm');
+    EXPECT_EQ(el[6].option, "");
+    EXPECT_EQ(el[7].kind, 0);
+    EXPECT_EQ(std::string(el[7].literal, el[7].literalLength), "{");
+
+    // "%z" is malformed; "%%" a literal "%".
+    EXPECT_EQ(el[8].kind, '?');
+    EXPECT_EQ(el[8].option, "%?z?");
+    EXPECT_EQ(el[9].kind, 0);
+    EXPECT_EQ(std::string(el[9].literal, el[9].literalLength), "%");
+    EXPECT_EQ(layout.getPattern(), "at %-05.12c{3}|%d{%H:%M}%n%c{x1}%m{%z%%");
+}
+
+TEST_F(PatternLayoutTest, PercentLineEndAndMalformedConversions) {
+    EventBuilder b("msg");
+    EXPECT_EQ(format("100%%%n", b), "100%\r\n");
+    EXPECT_EQ(format("%x", b), "%?x?");
+    // Modifiers on "%", "n" and malformed conversions change nothing.
+    EXPECT_EQ(format("[%-5%][%5n][%8x][%.1q]", b), "[%][\r\n][%?x?][%?q?]");
+    // An option after a conversion that takes none stays text.
+    EXPECT_EQ(format("%n{1}", b), "\r\n{1}");
+    EXPECT_EQ(format("%m{unclosed", b), "msg{unclosed");
+    // A pattern ending inside a conversion keeps its text.
+    EXPECT_EQ(format("end %", b), "end %");
+    EXPECT_EQ(format("end %-5.", b), "end %-5.");
+    EXPECT_EQ(format("", b), "");
+}
+
+TEST_F(PatternLayoutTest, LevelPaddingAndCutting) {
+    EventBuilder warn("w");
+    warn.level(LEVEL_WARN);
+    EXPECT_EQ(format("%-5p|", warn), "WARN |");
+    EXPECT_EQ(format("%5p|", warn), " WARN|");
+    EXPECT_EQ(format("%05p|", warn), "0WARN|");
+    EXPECT_EQ(format("%-05p|", warn), "0WARN|");  // zero pad beats left align
+    EXPECT_EQ(format("%4p|%3p|%.3p|", warn), "WARN|WARN|ARN|");
+
+    EventBuilder info("i");
+    info.level(LEVEL_INFO);
+    EXPECT_EQ(format("%.2p|%-.2p|%p", info), "FO|IN|INFO");
+
+    EventBuilder odd("u");
+    odd.level(100);
+    EXPECT_EQ(format("%p", odd), "<undefined>");
+}
+
+TEST_F(PatternLayoutTest, LoggerNameAndComponents) {
+    EventBuilder b("m");
+    b.logger(loggerIndex("a.b.c"));
+    EXPECT_EQ(format("%c", b), "a.b.c");
+    EXPECT_EQ(format("%.3c", b), "b.c");
+    EXPECT_EQ(format("%-.3c", b), "a.b");
+    EXPECT_EQ(format("%c{1}", b), "c");
+    EXPECT_EQ(format("%c{2}", b), "b.c");
+    EXPECT_EQ(format("%c{3}|%c{9}|%c{0}", b), "a.b.c|a.b.c|a.b.c");
+    EXPECT_EQ(format("%8c|%-8c|%c{1}", b), "   a.b.c|a.b.c   |c");
+
+    EventBuilder root("m");
+    root.logger(Logger::getRepository()->getRootLogger()->getIndex());
+    EXPECT_EQ(format("%c|%c{1}", root), "root|root");
+}
+
+TEST_F(PatternLayoutTest, ModuleMethodAndLine) {
+    EventBuilder b("m");
+    b.module("/src/zvlog/core/Logger.cpp").method("doAppend").line(412);
+    EXPECT_EQ(format("%C|%C{2}|%C{1}|%C{7}", b),
+              "/src/zvlog/core/Logger.cpp|core/Logger.cpp|Logger.cpp|/src/zvlog/core/Logger.cpp");
+    EXPECT_EQ(format("%M:%L|%l", b), "doAppend:412|doAppend core/Logger.cpp(412)");
+    EXPECT_EQ(format("%6L|%-6L|%06L|%.2L", b), "   412|412   |000412|12");
+
+    // Keyword-wrapped module texts are unwrapped; both separators count.
+    EventBuilder wrapped("m");
+    wrapped.module("$Id: src\\zvlog/layout\\Pattern.cpp $").method("parse").line(7);
+    EXPECT_EQ(format("%C", wrapped), "src\\zvlog/layout\\Pattern.cpp");
+    EXPECT_EQ(format("%C{2}", wrapped), "layout\\Pattern.cpp");
+    EXPECT_EQ(format("%l", wrapped), "parse layout\\Pattern.cpp(7)");
+
+    // Only "$", a blank, ..., a blank and "$" is a wrapped text.
+    EventBuilder notWrapped("m");
+    notWrapped.module("$Id:x/y.cpp$").line(1);
+    EXPECT_EQ(format("%C", notWrapped), "$Id:x/y.cpp$");
+    EventBuilder closingBlankOnly("m");
+    closingBlankOnly.module("$x/y.cpp $");
+    EXPECT_EQ(format("%C", closingBlankOnly), "$x/y.cpp $");
+    EventBuilder emptyPath("m");
+    emptyPath.module("$Id:  $");
+    EXPECT_EQ(format("[%C]", emptyPath), "[]");
+    EventBuilder inner("m");
+    inner.module("$Source: a b/c.cpp $");
+    EXPECT_EQ(format("%C{1}", inner), "c.cpp");
+    EXPECT_EQ(format("%C", inner), "a b/c.cpp");
+
+    EventBuilder bare("m");
+    bare.module("file.cpp").method("f").line(3);
+    EXPECT_EQ(format("%l", bare), "f file.cpp(3)");
+}
+
+TEST_F(PatternLayoutTest, SequenceElapsedAndThread) {
+    EventBuilder b("m");
+    b.sequence(4294967295u);
+    EXPECT_EQ(format("%S|%12S|", b), "4294967295|  4294967295|");
+
+    const unsigned long long before = LoggingTime::getElapsedTime() / 1000;
+    const std::string r = format("%r", b);
+    const unsigned long long after = LoggingTime::getElapsedTime() / 1000;
+    ASSERT_FALSE(r.empty());
+    EXPECT_EQ(r.find_first_not_of("0123456789"), std::string::npos);
+    EXPECT_GE(std::stoull(r), before);
+    EXPECT_LE(std::stoull(r), after);
+
+    LoggerRepository::setThreadName("worker-7");
+    EXPECT_EQ(format("[%t][%10t][%.3t]", b), "[worker-7][  worker-7][r-7]");
+}
+
+TEST_F(PatternLayoutTest, MessageLinesIndentedToTheirColumn) {
+    EventBuilder b("first\nsecond\nthird");
+    b.time(kTuesday, 123456).level(LEVEL_INFO);
+    EXPECT_EQ(format("%d{%H:%M:%S} %p %m|", b),
+              "22:13:20.123 INFO first\n"
+              "                  second\n"
+              "                  third|");
+
+    // Text already in the output counts from its last line end; characters
+    // are counted, not bytes.
+    PatternLayout layout("\xC3\xA9 %p %m%n");
+    std::string out = "earlier\r\nXY";
+    layout.format(b.get(), out);
+    EXPECT_EQ(out,
+              "earlier\r\nXY\xC3\xA9 INFO first\n"
+              "         second\n"
+              "         third\r\n");
+
+    // A closing line end opens no new line; padding comes before the indent.
+    EventBuilder trailing("one\ntwo\n");
+    EXPECT_EQ(format("> %m|", trailing), "> one\n  two\n|");
+    EventBuilder args("%s=%d\nend");
+    args.str("n").i32(5);
+    EXPECT_EQ(format("::%8m|", args), ":: n=5\n  end|");
+    EXPECT_EQ(format("::%m", args), "::n=5\n  end");
+}
+
+TEST_F(PatternLayoutTest, MessagePaddingAndCutting) {
+    EventBuilder b("abc %d");
+    b.i32(42);
+    EXPECT_EQ(format("[%10m][%-10m][%.3m][%-.3m][%m]", b), "[    abc 42][abc 42    ][ 42][abc][abc 42]");
+    EventBuilder missing("x=%d");
+    EXPECT_EQ(format("%m", missing), "x=???");
+}
+
+TEST_F(PatternLayoutTest, DateWithZoneOffsetAndMilliseconds) {
+    EventBuilder b("m");
+    b.time(kTuesday, 123456);
+    EXPECT_EQ(format("%d", b), "2023-11-14 Tue +0000 22:13:20.123");
+    EXPECT_EQ(format("%d{%Y/%m/%d}", b), "2023/11/14");
+    EXPECT_EQ(format("%d{%S|%S}", b), "20.123|20");
+    EXPECT_EQ(format("%d{%%S %H %z%%}", b), "%S 22 +0000%");
+    EXPECT_EQ(format("[%36d]", b), "[   2023-11-14 Tue +0000 22:13:20.123]");
+
+    // Milliseconds refresh on every call within a cached second.
+    EventBuilder early("m");
+    early.time(kTuesday, 1000);
+    EventBuilder late("m");
+    late.time(kTuesday, 999999);
+    EXPECT_EQ(format("%d{%H:%M:%S}", early), "22:13:20.001");
+    EXPECT_EQ(format("%d{%H:%M:%S}", late), "22:13:20.999");
+    EXPECT_EQ(format("%d{%H:%M:%S}", early), "22:13:20.001");
+
+    // Offsets east and west of UTC, both spelled "%z" and "%Z" (other seconds,
+    // so that the per-thread cache of the UTC results does not apply).
+    useZone("XST-05:30");
+    EventBuilder east("m");
+    east.time(kTuesday + 10, 5000);
+    EXPECT_EQ(format("%d", east), "2023-11-15 Wed +0530 03:43:30.005");
+    EXPECT_EQ(format("%d{%z}", east), "+0530");
+    useZone("YST+3");
+    EventBuilder west("m");
+    west.time(kTuesday + 20, 0);
+    EXPECT_EQ(format("%d{%H:%M:%S %Z %z}", west), "19:13:40.000 -0300 -0300");
+}
+
+TEST_F(PatternLayoutTest, DateLongFormatsAndResults) {
+    EventBuilder b("m");
+    b.time(kTuesday, 42000);
+    // Longer than the cached formats, and a result longer than the cache holds.
+    const std::string longFormat = std::string(70, '-') + "%H:%M:%S" + std::string(10, '=');
+    const std::string pattern = "%d{" + longFormat + "}";
+    EXPECT_EQ(format(pattern.c_str(), b), std::string(70, '-') + "22:13:20.042" + std::string(10, '='));
+    const std::string bigResult = "%d{%c %c %c %c %c %c %Y}";
+    EXPECT_EQ(format(bigResult.c_str(), b).size(), 6u * 25u + 4u);
+}
+
+TEST_F(PatternLayoutTest, DurationsPrintAsSeconds) {
+    EventBuilder b("m");
+    b.time(5, 123456);
+    // The milliseconds of a duration are the microseconds' lowest digits.
+    EXPECT_EQ(format("%d|%d{%H}", b), "5.456|5.456");
+    EventBuilder last("m");
+    last.time(1189622116, 7);
+    EXPECT_EQ(format("%d", last), "1189622116.007");
+    EventBuilder first("m");
+    first.time(1189622117, 7000);
+    EXPECT_EQ(format("%d{%Y %S}", first), "2007 17.007");
+}
+
+TEST_F(PatternLayoutTest, FullLineAndReuse) {
+    EventBuilder b("copied %d rows of %s");
+    b.i32(17).str("orders").level(LEVEL_ERROR).logger(loggerIndex("zv.apply")).time(kTuesday, 250000);
+    PatternLayout layout("%d %p %c - %m%n");
+    std::string out;
+    layout.format(b.get(), out);
+    const std::string line = "2023-11-14 Tue +0000 22:13:20.250 ERROR zv.apply - copied 17 rows of orders\r\n";
+    EXPECT_EQ(out, line);
+    layout.format(b.get(), out);
+    EXPECT_EQ(out, line + line);
+}
+
+TEST_F(PatternLayoutTest, EventWithoutLocation) {
+    EventBuilder b("m");
+    LoggingEvent event = b.event();
+    event.attributes.location = nullptr;
+    PatternLayout layout("[%C][%l][%M][%L][%m]");
+    std::string out;
+    layout.format(&event, out);
+    EXPECT_EQ(out, "[][][][][]");
+}
+
+TEST(LayoutDefaults, TextAndBinaryLayouts) {
+    PatternLayout text(PatternLayout::DEFAULT_CONVERSION_PATTERN);
+    EXPECT_STREQ(text.getContentType(), "text/plain");
+    EXPECT_TRUE(text.canLayoutEvents());
+    EXPECT_EQ(text.getFooterLength(), 0u);
+    std::string s = "x";
+    text.getHeader(s);
+    text.getFooter(s);
+    EXPECT_EQ(s, "x");
+
+    EventBuilder b("hello");
+    std::string out;
+    text.format(b.get(), out);
+    EXPECT_EQ(out, "hello\r\n");
+
+    BinaryLayout binary;
+    EXPECT_STREQ(binary.getContentType(), "application/x.binary-log");
+    EXPECT_FALSE(binary.canLayoutEvents());
+    EXPECT_EQ(binary.getFooterLength(), 0u);
+    binary.format(b.get(), s);
+    binary.getHeader(s);
+    binary.getFooter(s);
+    EXPECT_EQ(s, "x");
+}
+
+}  // namespace

@@ -1,0 +1,304 @@
+#include "zvlog/Appender.h"
+
+#include <algorithm>
+#include <cinttypes>
+#include <cstring>
+#include <vector>
+
+#include "zvlog/Logger.h"
+#include "zvlog/buffer/Block.h"
+#include "zvlog/buffer/LogBufferImpl.h"
+#include "zvlog/core/Library.h"
+#include "zvlog/core/RawDelivery.h"
+#include "zvlog/core/ThreadRecord.h"
+
+namespace zvs::zvlib::zvlog {
+
+using MultiThreading::Event;
+using MultiThreading::Mutex;
+using MultiThreading::MutexLock;
+using MultiThreading::Thread;
+
+namespace {
+
+// How long the delivery thread polls for more events before it sleeps: a
+// busy producer then rarely pays for waking it.
+constexpr unsigned kDeliverySpinMicros = 50;
+
+struct Registry {
+    Mutex mutex{Mutex::Recursive};
+    std::vector<Appender*> appenders;  // in creation order, not owned
+};
+
+Registry& registry() {
+    static Registry* r = new Registry();  // outlives every appender
+    return *r;
+}
+
+}  // namespace
+
+struct Appender::AsyncQueue {
+    Mutex lock{Mutex::NonRecursive};
+    Event stop{Event::ManualReset};
+    Event wake{Event::AutoReset};
+    std::vector<LoggingEvent> incoming;
+    std::vector<LoggingEvent> working;
+    Thread* thread = nullptr;
+};
+
+Appender::Appender(const char* name) : name_(name ? name : "") {
+    LibraryState::ensureInitialized();
+    Registry& r = registry();
+    MutexLock lock(r.mutex);
+    r.appenders.push_back(this);
+}
+
+Appender::~Appender() {
+    // Derived appenders switch delivery off in their own destructors; this
+    // is the last guard before the layout and filters go.
+    setAsynchronous(false);
+    delete layout_;
+    layout_ = nullptr;
+    clearFilters();
+    {
+        Registry& r = registry();
+        MutexLock lock(r.mutex);
+        r.appenders.erase(std::remove(r.appenders.begin(), r.appenders.end(), this), r.appenders.end());
+    }
+    if (AsyncQueue* q = async_.queue) {
+        for (LoggingEvent& e : q->incoming) binary::releaseBlock(e.bufferBase);
+        delete q;
+    }
+}
+
+void Appender::reset() {}
+void Appender::close() { setAsynchronous(false); }
+bool Appender::requiresLayout() const { return true; }
+void Appender::activateOptions() {}
+
+Appender* Appender::findAppender(const char* name) {
+    Registry& r = registry();
+    MutexLock lock(r.mutex);
+    for (Appender* a : r.appenders)
+        if (a->name_ == (name ? name : "")) return a;
+    return nullptr;
+}
+
+const std::vector<Appender*>& Appender::getAllAppenders() { return registry().appenders; }
+
+void Appender::flushOutput() {
+    ThreadRecord* r = peekThreadRecord();
+    if (r && r->buffer && r->depth == 0) {
+        ++r->depth;  // what the flush delivers may not log back into this buffer
+        r->buffer->flush();
+        --r->depth;
+    }
+}
+
+void Appender::setName(const char* name) { name_ = name ? name : ""; }
+
+void Appender::setThreshold(unsigned char level) {
+    if (async_.on.load(std::memory_order_acquire)) {
+        MutexLock lock(async_.queue->lock);
+        threshold_ = level;
+    } else {
+        threshold_ = level;
+    }
+}
+
+void Appender::setEnabled(bool enabled) {
+    if (async_.on.load(std::memory_order_acquire)) {
+        MutexLock lock(async_.queue->lock);
+        enabled_ = enabled;
+    } else {
+        enabled_ = enabled;
+    }
+}
+
+void Appender::setLayout(Layout* layout) {
+    auto apply = [&] {
+        layout_ = layout;
+        deliveryMode_ = (layout && !layout->canLayoutEvents()) ? DELIVERY_RAW : DELIVERY_DIRECT;
+    };
+    if (async_.on.load(std::memory_order_acquire)) {
+        MutexLock lock(async_.queue->lock);
+        apply();
+    } else {
+        apply();
+    }
+}
+
+void Appender::addFilter(Filter* filter) {
+    if (!filter) return;
+    filter->next = nullptr;
+    auto link = [&] {
+        Filter** tail = &filters_;
+        while (*tail) tail = &(*tail)->next;
+        *tail = filter;
+    };
+    if (async_.on.load(std::memory_order_acquire)) {
+        MutexLock lock(async_.queue->lock);
+        link();
+    } else {
+        link();
+    }
+}
+
+void Appender::clearFilters() {
+    Filter* f = filters_;
+    filters_ = nullptr;
+    while (f) {
+        Filter* next = f->next;
+        delete f;
+        f = next;
+    }
+}
+
+int Appender::runFilters(const LoggingEvent* event) const {
+    for (const Filter* f = filters_; f; f = f->next) {
+        int decision = f->decide(event);
+        if (decision != Filter::NEUTRAL) return decision;
+    }
+    return Filter::NEUTRAL;
+}
+
+void Appender::deliver(const LoggingEvent* event) {
+    if (filters_ && runFilters(event) == Filter::DENY) {
+        eventsFiltered_.fetch_add(1, std::memory_order_relaxed);
+        return;
+    }
+    if (async_.on.load(std::memory_order_acquire)) {
+        AsyncQueue* q = async_.queue;
+        binary::retainBlock(event->bufferBase);  // the copy's arguments live in the block
+        {
+            MutexLock lock(q->lock);
+            q->incoming.push_back(*event);
+        }
+        q->wake.set();
+        return;
+    }
+    MutexLock lock(mutex_);
+    append(event);
+    eventsIssued_.fetch_add(1, std::memory_order_relaxed);
+}
+
+void Appender::deliverRaw(const void* data, unsigned int length, unsigned int eventCount) {
+    MutexLock lock(mutex_);
+    append(data, length);
+    eventsIssued_.fetch_add(eventCount, std::memory_order_relaxed);
+}
+
+unsigned int Appender::deliveryThread(void* self) {
+    auto* appender = static_cast<Appender*>(self);
+    AsyncQueue* q = appender->async_.queue;
+    // Appends on this thread count as being inside a logging call, as they do
+    // for direct delivery: whatever an appender logs is dropped.
+    ThreadRecord* record = currentThreadRecord();
+    if (record) ++record->depth;
+    for (;;) {
+        q->wake.wait(Event::Infinite, kDeliverySpinMicros);
+        bool stopping;
+        {
+            MutexLock lock(q->lock);
+            q->incoming.swap(q->working);
+            stopping = q->stop.isSet();
+        }
+        if (q->working.size() > appender->async_.highWater) appender->async_.highWater = q->working.size();
+        for (LoggingEvent& e : q->working) {
+            appender->append(&e);
+            appender->eventsIssued_.fetch_add(1, std::memory_order_relaxed);
+            binary::releaseBlock(e.bufferBase);
+        }
+        q->working.clear();
+        if (stopping) break;
+    }
+    if (record) --record->depth;
+    return 0;
+}
+
+void Appender::setAsynchronous(bool on) {
+    if (LibraryState::singleThreaded() || on == async_.on.load(std::memory_order_acquire)) return;
+    if (on) {
+        if (!async_.queue) async_.queue = new AsyncQueue();
+        AsyncQueue* q = async_.queue;
+        q->stop.reset();
+        q->wake.reset();
+        q->thread = new Thread(&Appender::deliveryThread, "LogAppenderThread");
+        async_.on.store(true, std::memory_order_release);
+        q->thread->Start(this);
+    } else {
+        AsyncQueue* q = async_.queue;
+        async_.on.store(false, std::memory_order_release);
+        q->stop.set();
+        q->wake.set();
+        q->thread->WaitForExit();
+        delete q->thread;
+        q->thread = nullptr;
+        // Events that arrived after the thread's last pass are discarded.
+        MutexLock lock(q->lock);
+        for (LoggingEvent& e : q->incoming) binary::releaseBlock(e.bufferBase);
+        q->incoming.clear();
+    }
+}
+
+void Appender::appendSummary(std::string& text) {
+    struct Row {
+        std::string name;
+        unsigned char threshold;
+        bool enabled;
+        unsigned long long issued;
+        unsigned long long filtered;
+    };
+    std::vector<Row> rows;
+    {
+        Registry& r = registry();
+        MutexLock lock(r.mutex);
+        for (Appender* a : r.appenders)
+            rows.push_back({a->name_, a->threshold_, a->enabled_, a->getEventsIssued(), a->getEventsFiltered()});
+    }
+    std::sort(rows.begin(), rows.end(), [](const Row& a, const Row& b) { return a.name < b.name; });
+    auto heading = [&](const Row& row) {
+        text += "  ";
+        text += row.name;
+        text += " (";
+        text += getLevelName(row.threshold);
+        text += ")";
+        text += row.enabled ? "" : " - Disabled";
+        text += "\r\n";
+    };
+    char line[128];
+    bool first = true;
+    for (const Row& row : rows) {
+        if (row.issued == 0 && row.filtered == 0) continue;
+        if (first) text += "\r\nActive appenders:\r\n", first = false;
+        heading(row);
+        snprintf(line, sizeof line, "    Events issued:   %" PRIu64 "\r\n", static_cast<uint64_t>(row.issued));
+        text += line;
+        snprintf(line, sizeof line, "    Events filtered: %" PRIu64 "\r\n", static_cast<uint64_t>(row.filtered));
+        text += line;
+        text += "\r\n";
+    }
+    first = true;
+    for (const Row& row : rows) {
+        if (row.issued != 0 || row.filtered != 0) continue;
+        if (first) text += "\r\nIdle appenders:\r\n", first = false;
+        heading(row);
+    }
+}
+
+// A closed block goes to every enabled raw-mode appender attached to any
+// logger, once each.
+void deliverRawBlock(const unsigned char* stream, uint32_t length, uint32_t eventCount) {
+    if (!LibraryState::initialized()) return;
+    std::vector<Appender*> targets;
+    for (Logger* logger : Logger::getRepository()->getCurrentLoggers()) {
+        if (!logger->isAttached()) continue;
+        for (Appender* a : logger->getAllAppenders())
+            if (a->isEnabled() && a->getDeliveryMode() == Appender::DELIVERY_RAW &&
+                std::find(targets.begin(), targets.end(), a) == targets.end())
+                targets.push_back(a);
+    }
+    for (Appender* a : targets) a->deliverRaw(stream, length, eventCount);
+}
+
+}  // namespace zvs::zvlib::zvlog

@@ -1,0 +1,56 @@
+// Event-buffer blocks: 1 MiB each, reference counted, recycled through a
+// process-wide pool, and kept in a bounded list of recent closed blocks.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+
+#include "zvlog/Export.h"
+#include "zvlog/buffer/BinaryFormat.h"
+
+namespace zvs::zvlib::zvlog::binary {
+
+// The 16-byte head at the start of every block.
+struct BlockHead {
+    std::atomic<uint32_t>* refCount;
+    uint32_t dataLength;  // bytes of stream after the head, set at close
+    uint32_t eventCount;
+};
+static_assert(sizeof(BlockHead) == kBlockHeadSize);
+
+inline BlockHead* headOf(const unsigned char* block) {
+    return reinterpret_cast<BlockHead*>(const_cast<unsigned char*>(block));
+}
+inline unsigned char* streamOf(unsigned char* block) { return block + kBlockHeadSize; }
+
+// A block with one reference (the caller's), from the pool or newly allocated.
+ZVLOG_API unsigned char* acquireBlock();
+ZVLOG_API void retainBlock(const unsigned char* block);
+// Drops one reference; the last one returns the block to the pool.
+ZVLOG_API void releaseBlock(const unsigned char* block);
+
+// Called by a buffer when it closes a block (its ">" written and its data
+// length stored): adds the block to the process totals, hands its stream to
+// the raw-delivery hook, keeps it among the recent blocks and drops the
+// buffer's reference.
+ZVLOG_API void blockClosed(unsigned char* block);
+
+// Receives every closed block's stream (set by the logging core).
+using RawDeliveryHook = void (*)(const unsigned char* stream, uint32_t length, uint32_t eventCount);
+ZVLOG_API void setRawDeliveryHook(RawDeliveryHook hook);
+
+ZVLOG_API unsigned long long totalEvents();
+ZVLOG_API unsigned long long totalBytes();
+
+// Visits the streams of the recent closed blocks, oldest first.
+ZVLOG_API void forEachRecentBlock(const std::function<void(const unsigned char* stream, uint32_t length)>& visit);
+
+// Statistics for tests: blocks ever allocated, blocks in the pool now.
+ZVLOG_API unsigned long long blocksAllocated();
+ZVLOG_API unsigned long long blocksPooled();
+
+// How many closed blocks are kept for dumps.
+constexpr unsigned kRecentBlocks = 4;
+
+}  // namespace zvs::zvlib::zvlog::binary

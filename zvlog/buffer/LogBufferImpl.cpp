@@ -1,0 +1,494 @@
+#include "zvlog/buffer/LogBufferImpl.h"
+
+#include <bit>
+#include <cstring>
+
+#include "zvlog/Level.h"
+#include "zvlog/Logger.h"
+#include "zvlog/buffer/Block.h"
+#include "zvlog/core/ThreadRecord.h"
+#include "zvlog/msg/RaiseMessage.h"
+#include "zvstd/Fatal.h"
+
+namespace zvs::zvlib::zvlog {
+
+using namespace binary;
+
+// The stream is written in the machine's order and declared little-endian.
+static_assert(std::endian::native == std::endian::little, "the event buffer writes little-endian streams");
+
+namespace {
+
+constexpr char kNoText[] = "";
+const LocationRecord kNoLocation{kNoText, kNoText, kNoText, 0, 0};
+
+// Texts in tokens are capped so that a full event header and a thread
+// context always fit in a fresh block.
+constexpr size_t kMaxTokenText = 65535;
+// The '>' that closes a block always has its byte.
+constexpr unsigned kEndReserve = 1;
+
+constexpr unsigned kSiteBits = 11;  // 2048 slots
+constexpr unsigned kSiteSlots = 1u << kSiteBits;
+constexpr unsigned kStringBits = 12;  // 4096 slots
+constexpr unsigned kStringSlots = 1u << kStringBits;
+// Tables stop taking entries at three quarters; later entries are simply
+// described again, which the format allows.
+constexpr unsigned kSiteLimit = kSiteSlots / 4 * 3;
+constexpr unsigned kStringLimit = kStringSlots / 4 * 3;
+
+inline size_t textLength(const char* text) { return strnlen(text, kMaxTokenText); }
+
+template <class T>
+inline void put(unsigned char*& p, T value) {
+    std::memcpy(p, &value, sizeof value);
+    p += sizeof value;
+}
+
+inline void putText(unsigned char*& p, const char* text, size_t length) {
+    std::memcpy(p, text, length);
+    p += length;
+    *p++ = 0;
+}
+
+inline bool testBit(const uint64_t* bits, unsigned index) { return (bits[index >> 6] >> (index & 63)) & 1; }
+inline void setBit(uint64_t* bits, unsigned index) { bits[index >> 6] |= uint64_t{1} << (index & 63); }
+
+}  // namespace
+
+struct LogBufferImpl::State {
+    struct SiteSlot {
+        uint32_t key;
+        uint32_t generation;
+    };
+    struct StringSlot {
+        const char* text;
+        uint32_t generation;
+        uint16_t index;
+    };
+
+    const ThreadRecord* thread;
+
+    // The event being written.
+    const LocationRecord* site = &kNoLocation;
+    uint32_t siteId = 0;
+    uint32_t eventWord = 0;
+    uint64_t context = 0;
+    uint16_t logger = 0;
+    uint8_t category = 0;
+    unsigned short expected = 0;  // arguments still to come
+    bool locked = false;
+
+    // The previous event of the block (nothing before the first one).
+    bool haveLast = false;
+    uint16_t lastLogger = 0;
+    uint8_t lastCategory = 0;
+    uint64_t lastContext = 0;
+
+    unsigned firstEventPosition = 0;  // after the block's "b" token
+
+    // Per-block definitions. Slots are live only when they carry the current
+    // generation, so starting a block does not clear the hash tables.
+    uint32_t generation = 0;
+    unsigned siteCount = 0;
+    unsigned stringCount = 0;
+    unsigned nextStringIndex = 0;
+    SiteSlot sites[kSiteSlots];
+    StringSlot strings[kStringSlots];
+    uint64_t loggersDefined[65536 / 64];
+    uint64_t categoriesDefined[256 / 64];
+
+    explicit State(const ThreadRecord* t) : thread(t) {
+        std::memset(sites, 0, sizeof sites);
+        std::memset(strings, 0, sizeof strings);
+    }
+
+    void resetTables() {
+        if (++generation == 0) {  // wrapped: clear for real once
+            std::memset(sites, 0, sizeof sites);
+            std::memset(strings, 0, sizeof strings);
+            generation = 1;
+        }
+        siteCount = stringCount = nextStringIndex = 0;
+        std::memset(loggersDefined, 0, sizeof loggersDefined);
+        std::memset(categoriesDefined, 0, sizeof categoriesDefined);
+        haveLast = false;
+    }
+
+    static unsigned siteHash(uint32_t key) { return (key * 0x9E3779B1u) >> (32 - kSiteBits); }
+    static unsigned stringHash(const char* text) {
+        return static_cast<unsigned>((reinterpret_cast<uintptr_t>(text) * 0x9E3779B97F4A7C15ull) >>
+                                     (64 - kStringBits));
+    }
+
+    bool siteKnown(uint32_t key) const {
+        for (unsigned i = siteHash(key);; i = (i + 1) & (kSiteSlots - 1)) {
+            const SiteSlot& slot = sites[i];
+            if (slot.generation != generation) return false;
+            if (slot.key == key) return true;
+        }
+    }
+    void addSite(uint32_t key) {
+        if (siteCount >= kSiteLimit) return;
+        unsigned i = siteHash(key);
+        while (sites[i].generation == generation) i = (i + 1) & (kSiteSlots - 1);
+        sites[i] = {key, generation};
+        ++siteCount;
+    }
+
+    // The string's index in this block, or -1.
+    int stringIndex(const char* text) const {
+        for (unsigned i = stringHash(text);; i = (i + 1) & (kStringSlots - 1)) {
+            const StringSlot& slot = strings[i];
+            if (slot.generation != generation) return -1;
+            if (slot.text == text) return slot.index;
+        }
+    }
+    // Defines the next index for the text ("s" always takes one).
+    void defineString(const char* text) {
+        const unsigned index = nextStringIndex++;
+        if (stringCount >= kStringLimit || index > 0xFFFF) return;
+        unsigned i = stringHash(text);
+        while (strings[i].generation == generation) i = (i + 1) & (kStringSlots - 1);
+        strings[i] = {text, generation, static_cast<uint16_t>(index)};
+        ++stringCount;
+    }
+
+    size_t stringTokenSize(const char* text, size_t length) const {
+        return stringIndex(text) >= 0 ? 3 : length + 2;
+    }
+    void putString(unsigned char*& p, const char* text, size_t length) {
+        const int index = stringIndex(text);
+        if (index >= 0) {
+            *p++ = kStringUse;
+            put<uint16_t>(p, static_cast<uint16_t>(index));
+        } else {
+            *p++ = kStringDefine;
+            putText(p, text, length);
+            defineString(text);
+        }
+    }
+};
+
+namespace {
+
+const char* siteText(const char* text) { return text ? text : kNoText; }
+
+const char* loggerName(uint16_t index) {
+    LoggerRepository* repository = Logger::getRepository();
+    const char* name = repository ? repository->getLoggerName(index) : nullptr;
+    return name ? name : kNoText;
+}
+
+const char* categoryName(uint8_t category) {
+    const char* name = getLevelName(category);
+    return name ? name : kNoText;
+}
+
+}  // namespace
+
+LogBufferImpl::LogBufferImpl(const ThreadRecord* thread) : state_(new State(thread)) {}
+
+LogBufferImpl::~LogBufferImpl() {
+    closeBlock();
+    delete state_;
+}
+
+unsigned int LogBufferImpl::remaining() const { return base_ ? kBlockSize - kEndReserve - position_ : 0; }
+
+void LogBufferImpl::flush() {
+    if (base_ && headOf(base_)->eventCount > 0) closeBlock();
+}
+
+void LogBufferImpl::startBlock() {
+    State& s = *state_;
+    base_ = acquireBlock();
+    unsigned char* p = streamOf(base_);
+    const unsigned char header[kStreamHeaderSize] = {kMagic, kVersion, kLittleEndian, kPointerSize, kFloatSize, 1};
+    std::memcpy(p, header, sizeof header);
+    p += sizeof header;
+
+    const ThreadRecord* t = s.thread;
+    const char* name = t ? t->name.c_str() : kNoText;
+    *p++ = kThreadDefine;
+    put<uint32_t>(p, t ? t->number : 0);
+    put<uint64_t>(p, t ? t->osThreadId : 0);
+    putText(p, name, textLength(name));
+
+    position_ = static_cast<unsigned>(p - base_);
+    eventStart_ = argumentsStart_ = s.firstEventPosition = position_;
+    s.resetTables();
+}
+
+void LogBufferImpl::finishBlock(unsigned char* block) {
+    if (headOf(block)->eventCount > 0)
+        blockClosed(block);
+    else
+        releaseBlock(block);
+}
+
+void LogBufferImpl::closeBlock() {
+    if (!base_) return;
+    unsigned char* block = base_;
+    block[position_] = kEnd;
+    headOf(block)->dataLength = position_ + 1 - kBlockHeadSize;
+    base_ = nullptr;
+    position_ = eventStart_ = argumentsStart_ = 0;
+    finishBlock(block);
+}
+
+// The bytes a fresh block needs for its thread context and the current
+// event's header described in full. May overestimate, never underestimate.
+size_t LogBufferImpl::freshBlockHeadSize() const {
+    const State& s = *state_;
+    const char* threadName = s.thread ? s.thread->name.c_str() : kNoText;
+    size_t size = kBlockHeadSize + kStreamHeaderSize + 14 + textLength(threadName);
+    size += 11 + textLength(siteText(s.site->format)) + 2 + textLength(siteText(s.site->module)) + 2 +
+            textLength(siteText(s.site->method)) + 2;
+    size += 3 + 3 + textLength(categoryName(s.category)) + textLength(loggerName(s.logger)) + 1;
+    size += 9;
+    return size;
+}
+
+bool LogBufferImpl::writeEventHeader() {
+    State& s = *state_;
+    const bool loggerChanged = !s.haveLast || s.logger != s.lastLogger;
+    const bool categoryChanged = !s.haveLast || s.category != s.lastCategory;
+    const bool contextChanged = !s.haveLast || s.context != s.lastContext;
+    const bool siteKnown = s.siteKnown(s.siteId);
+    const bool loggerKnown = testBit(s.loggersDefined, s.logger);
+    const bool categoryKnown = testBit(s.categoriesDefined, s.category);
+
+    unsigned char* p = base_ + position_;
+    const size_t room = kBlockSize - kEndReserve - position_;
+
+    if (ZVLOG_LIKELY(siteKnown && (loggerKnown || !loggerChanged) && categoryKnown && room >= 32)) {
+        // The steady state: everything is already described in this block.
+        *p++ = kEventUse;
+        put<uint32_t>(p, s.siteId);
+        put<uint32_t>(p, s.eventWord);
+        if (loggerChanged) {
+            *p++ = kLoggerUse;
+            put<uint16_t>(p, s.logger);
+        }
+        if (categoryChanged) {
+            *p++ = kCategoryUse;
+            *p++ = s.category;
+        }
+    } else {
+        const char* format = siteText(s.site->format);
+        const char* module = siteText(s.site->module);
+        const char* method = siteText(s.site->method);
+        size_t formatLength = 0, moduleLength = 0, methodLength = 0;
+        size_t need = 9;
+        if (!siteKnown) {
+            formatLength = textLength(format);
+            moduleLength = textLength(module);
+            methodLength = textLength(method);
+            need += 2 + s.stringTokenSize(format, formatLength) + s.stringTokenSize(module, moduleLength) +
+                    s.stringTokenSize(method, methodLength);
+        }
+        const char* category = nullptr;
+        size_t categoryLength = 0;
+        if (!categoryKnown) {
+            category = categoryName(s.category);
+            categoryLength = textLength(category);
+        }
+        const size_t categoryToken = categoryKnown ? 2 : 3 + categoryLength;
+        const bool defineLogger = loggerChanged && !loggerKnown;
+        const char* logger = nullptr;
+        size_t loggerLength = 0;
+        if (defineLogger) {
+            logger = loggerName(s.logger);
+            loggerLength = textLength(logger);
+            need += 3 + categoryToken + loggerLength + 1;  // "d" carries the category
+        } else {
+            if (loggerChanged) need += 3;
+            if (categoryChanged) need += categoryToken;
+        }
+        if (contextChanged) need += 9;
+        if (need > room) return false;
+
+        *p++ = siteKnown ? kEventUse : kEventDefine;
+        put<uint32_t>(p, s.siteId);
+        put<uint32_t>(p, s.eventWord);
+        if (!siteKnown) {
+            put<uint16_t>(p, s.site->argumentCount);
+            s.putString(p, format, formatLength);
+            s.putString(p, module, moduleLength);
+            s.putString(p, method, methodLength);
+            s.addSite(s.siteId);
+        }
+        auto putCategory = [&] {
+            if (categoryKnown) {
+                *p++ = kCategoryUse;
+                *p++ = s.category;
+            } else {
+                *p++ = kCategoryDefine;
+                *p++ = s.category;
+                putText(p, category, categoryLength);
+                setBit(s.categoriesDefined, s.category);
+            }
+        };
+        if (defineLogger) {
+            *p++ = kLoggerDefine;
+            put<uint16_t>(p, s.logger);
+            putCategory();
+            putText(p, logger, loggerLength);
+            setBit(s.loggersDefined, s.logger);
+        } else {
+            if (loggerChanged) {
+                *p++ = kLoggerUse;
+                put<uint16_t>(p, s.logger);
+            }
+            if (categoryChanged) putCategory();
+        }
+    }
+    if (contextChanged) {
+        *p++ = kContextWord;
+        put<uint64_t>(p, s.context);
+    }
+    position_ = static_cast<unsigned>(p - base_);
+    s.haveLast = true;
+    s.lastLogger = s.logger;
+    s.lastCategory = s.category;
+    s.lastContext = s.context;
+    return true;
+}
+
+unsigned short LogBufferImpl::addEvent(const LoggingEvent* event) {
+    State& s = *state_;
+    if (ZVLOG_UNLIKELY(s.expected != 0)) {
+        detail::raiseMessage(1112, {"zvlog.std", "zvlog/LogBufferImpl",
+                                    "zvs::zvlib::zvlog::LogBufferImpl::addEvent", __LINE__});
+        s.expected = 0;
+    }
+    // Only the owning thread takes this lock, so a flag is enough to see it
+    // taken twice.
+    if (ZVLOG_UNLIKELY(s.locked)) zvFatalSystemError(36, "zvs::zvlib::zvlog::LogBufferImpl::addEvent");
+    s.locked = true;
+
+    const EventAttributes& a = event->attributes;
+    s.site = a.location ? a.location : &kNoLocation;
+    s.siteId = a.locationKey;
+    s.eventWord = a.sequence;
+    s.logger = a.loggerIndex;
+    s.category = a.level;
+    s.context = (uint64_t{a.time.tv_sec} << 32) | a.time.tv_usec;
+
+    if (ZVLOG_UNLIKELY(!base_)) startBlock();
+    eventStart_ = position_;
+    if (ZVLOG_UNLIKELY(!writeEventHeader())) {
+        closeBlock();
+        startBlock();
+        eventStart_ = position_;
+        // Texts in tokens are capped, so a fresh block always has room.
+        writeEventHeader();
+    }
+    ++headOf(base_)->eventCount;
+    argumentsStart_ = position_;
+    s.expected = s.site->argumentCount;
+    s.locked = false;
+    return s.site->argumentCount;
+}
+
+unsigned int LogBufferImpl::addArgument(unsigned char type, const void* data, unsigned int length) {
+    State& s = *state_;
+    if (s.expected == 0 || !base_) return position_;
+
+    unsigned int prefix = 0, terminator = 0;
+    switch (type) {
+    case ARG_STRING:
+        if (length > kMaxArgumentData - 1) length = kMaxArgumentData - 1;
+        terminator = 1;
+        break;
+    case ARG_WSTRING:
+        if (length > kMaxArgumentData - 2) length = kMaxArgumentData - 2;
+        terminator = 2;
+        break;
+    case ARG_RAW:
+        if (length > kMaxArgumentData) length = kMaxArgumentData;
+        prefix = 4;
+        break;
+    case ARG_INT16:
+    case ARG_UINT16:
+        length = 2;
+        break;
+    case ARG_FLOAT:
+    case ARG_INT32:
+    case ARG_UINT32:
+        length = 4;
+        break;
+    case ARG_INT64:
+    case ARG_UINT64:
+    case ARG_POINTER:
+    case ARG_TIME:
+        length = 8;
+        break;
+    default:  // not a type the encoding knows: nothing a reader could skip
+        --s.expected;
+        return position_;
+    }
+
+    if (ZVLOG_UNLIKELY(1 + prefix + length + terminator + 5 >= kBlockSize - position_)) {
+        if (eventStart_ != s.firstEventPosition) continueInNewBlock();
+        const unsigned int room = kBlockSize - position_;
+        if (1 + prefix + length + terminator + 5 >= room) {
+            // The event alone outgrows a block (many arguments near their
+            // limit): a text or byte range keeps what still fits.
+            const unsigned int fixed = 1 + prefix + terminator + 5 + 1;
+            if (terminator + prefix == 0 || room <= fixed) {
+                --s.expected;
+                return position_;
+            }
+            length = room - fixed;
+            if (type == ARG_WSTRING) length &= ~1u;
+        }
+    }
+
+    unsigned char* p = base_ + position_;
+    *p++ = type;
+    const unsigned int dataPosition = position_ + 1;
+    if (prefix) put<uint32_t>(p, length);
+    if (length) {
+        if (data)
+            std::memcpy(p, data, length);
+        else
+            std::memset(p, 0, length);
+        p += length;
+    }
+    if (terminator) {
+        *p++ = 0;
+        if (terminator == 2) *p++ = 0;
+    }
+    position_ = static_cast<unsigned>(p - base_);
+    --s.expected;
+    return dataPosition;
+}
+
+// Every block must read alone, so an event never straddles two: the event
+// moves whole into a fresh block (its header described in full, its
+// arguments copied), and the old block ends where the event began.
+void LogBufferImpl::continueInNewBlock() {
+    const unsigned oldEventStart = eventStart_;
+    const unsigned oldArgumentsStart = argumentsStart_;
+    const unsigned argumentBytes = position_ - argumentsStart_;
+    if (freshBlockHeadSize() + argumentBytes + 16 > kBlockSize) return;
+
+    unsigned char* old = base_;
+    startBlock();
+    eventStart_ = position_;
+    writeEventHeader();
+    std::memcpy(base_ + position_, old + oldArgumentsStart, argumentBytes);
+    argumentsStart_ = position_;
+    position_ += argumentBytes;
+    headOf(base_)->eventCount = 1;
+
+    BlockHead* oldHead = headOf(old);
+    --oldHead->eventCount;
+    old[oldEventStart] = kEnd;
+    oldHead->dataLength = oldEventStart + 1 - kBlockHeadSize;
+    finishBlock(old);
+}
+
+}  // namespace zvs::zvlib::zvlog

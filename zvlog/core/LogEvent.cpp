@@ -1,0 +1,157 @@
+// The out-of-line part of a logging call and the process-wide table of
+// call-site location records.
+#include <cerrno>
+
+#include "zvlog/Log.h"
+#include "zvlog/SparseArray.h"
+#include "zvlog/buffer/LogBufferImpl.h"
+#include "zvlog/core/ThreadRecord.h"
+
+namespace zvs::zvlib::zvlog {
+
+using MultiThreading::Mutex;
+using MultiThreading::MutexLock;
+
+namespace {
+
+std::atomic<unsigned int> sequenceCounter{0};
+
+struct LocationTable {
+    Mutex mutex{Mutex::NonRecursive};
+    SparseArray<uint64_t, unsigned int> modules;  // module pointer -> index
+    SparseArray<unsigned int, const LocationRecord*> records;  // key -> record
+    unsigned int moduleCounter = 0;
+
+    // A module pointer seen for the first time gets the next index.
+    unsigned int moduleIndex(const char* module) {
+        bool created = false;
+        auto* node = modules.insert(reinterpret_cast<uint64_t>(module), &created);
+        if (created) node->value = ++moduleCounter;
+        return node->value;
+    }
+};
+
+LocationTable& locations() {
+    static LocationTable* table = new LocationTable();  // lives as long as the records
+    return *table;
+}
+
+inline unsigned int makeKey(unsigned int moduleIndex, unsigned short line) { return (moduleIndex << 16) + line; }
+
+// Registers a call site's own record under its location key. Two sites on
+// one line of one file would share a key; the later one gets a module index
+// of its own so that a key always names exactly one record.
+unsigned int registerCallSite(CallSite& site, const char* format, unsigned short count) {
+    LocationTable& t = locations();
+    MutexLock lock(t.mutex);
+    unsigned int key = site.key.load(std::memory_order_relaxed);
+    if (key) return key;
+    site.record.format = format;
+    site.record.argumentCount = count;
+    key = makeKey(t.moduleIndex(site.record.module), site.record.line);
+    bool created = false;
+    auto* node = t.records.insert(key, &created);
+    if (!created && node->value != &site.record) {
+        key = makeKey(++t.moduleCounter, site.record.line);
+        node = t.records.insert(key, &created);
+    }
+    node->value = &site.record;
+    site.key.store(key, std::memory_order_release);
+    return key;
+}
+
+inline const void* argumentData(const detail::ArgRef& a) {
+    switch (a.type) {
+    case ARG_STRING:
+    case ARG_WSTRING:
+    case ARG_RAW:
+        return a.ptr;
+    default:
+        return &a.ptr;  // fixed-size values live inline
+    }
+}
+
+}  // namespace
+
+EventAttributes::EventAttributes()
+    : location(nullptr), time{0, 0}, sequence(0), threadNumber(0), loggerIndex(0), level(0), locationKey(0) {}
+
+EventAttributes::EventAttributes(const char* const& format, const char* const& module, const char* const& method,
+                                 unsigned short line, unsigned short argumentCount, unsigned short loggerIdx,
+                                 unsigned char lvl)
+    : loggerIndex(loggerIdx), level(lvl) {
+    LocationTable& t = locations();
+    {
+        MutexLock lock(t.mutex);
+        locationKey = makeKey(t.moduleIndex(module), line);
+        bool created = false;
+        auto* node = t.records.insert(locationKey, &created);
+        if (created) node->value = new LocationRecord{format, module, method, line, argumentCount};
+        location = node->value;
+    }
+    LoggingTime::getCurrentTime(&time);
+    sequence = sequenceCounter.fetch_add(1, std::memory_order_relaxed) + 1;
+    ThreadRecord* r = currentThreadRecord();
+    threadNumber = r ? r->number : 0;
+}
+
+EventAttributes::EventAttributes(const LocationRecord* record, unsigned int key, unsigned short loggerIdx,
+                                 unsigned char lvl)
+    : location(record), loggerIndex(loggerIdx), level(lvl), locationKey(key) {
+    LoggingTime::getCurrentTime(&time);
+    sequence = sequenceCounter.fetch_add(1, std::memory_order_relaxed) + 1;
+    ThreadRecord* r = currentThreadRecord();
+    threadNumber = r ? r->number : 0;
+}
+
+namespace detail {
+
+void logEvent(Logger* logger, unsigned char level, CallSite& site, const char* format, const ArgRef* args,
+              unsigned short count) {
+    const int savedErrno = errno;
+    ThreadRecord* thread = currentThreadRecord();
+    if (ZVLOG_UNLIKELY(!thread || thread->depth != 0)) {  // logging from inside logging
+        errno = savedErrno;
+        return;
+    }
+    ++thread->depth;
+    thread->savedErrno = savedErrno;
+
+    unsigned int key = site.key.load(std::memory_order_acquire);
+    if (ZVLOG_UNLIKELY(key == 0)) key = registerCallSite(site, format, count);
+
+    LoggingEvent event;
+    EventAttributes& a = event.attributes;
+    a.location = &site.record;
+    LoggingTime::getCurrentTime(&a.time);
+    a.sequence = sequenceCounter.fetch_add(1, std::memory_order_relaxed) + 1;
+    a.threadNumber = thread->number;
+    a.loggerIndex = logger->getIndex();
+    a.level = level;
+    a.locationKey = key;
+
+    LogBufferImpl* buffer = threadBuffer(thread);
+    buffer->addEvent(&event);
+    // Argument positions relative to the event's first argument survive the
+    // event moving to a fresh block when a later argument does not fit.
+    unsigned int relative[LoggingEvent::kMaxArguments];
+    for (unsigned short i = 0; i < count; ++i) {
+        unsigned int position = buffer->addArgument(args[i].type, argumentData(args[i]), args[i].length);
+        relative[i] = position - buffer->argumentsOffset();
+    }
+    const unsigned char* first = buffer->blockBase() + buffer->argumentsOffset();
+    for (unsigned short i = 0; i < count; ++i) {
+        event.argumentTypes[i] = args[i].type;
+        event.argumentValues[i] = first + relative[i];
+    }
+    event.argumentCount = count;
+    event.setBufferLocation(buffer);
+
+    logger->doAppend(&event);
+
+    --thread->depth;
+    errno = savedErrno;
+}
+
+}  // namespace detail
+}  // namespace zvs::zvlib::zvlog

@@ -1,0 +1,203 @@
+// Thread identifiers, the trace hook, Mutex and Event of the thread layer.
+#include "zvlog/MultiThreading.h"
+
+#include <pthread.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdarg>
+#include <cstdio>
+#include <thread>
+
+#include "zvstd/Fatal.h"
+#include "zvstd/MultiThreadingInternal.h"
+
+#if defined(__x86_64__) || defined(__i386__)
+#include <immintrin.h>
+#endif
+
+namespace zvs::zvlib::MultiThreading {
+
+namespace {
+
+// Every lock and unlock asks for the caller's id, so it lives in static TLS.
+thread_local unsigned int tlsThreadId __attribute__((tls_model("initial-exec"))) = 0;
+
+inline unsigned int selfId() {
+    unsigned int id = tlsThreadId;
+    if (ZVLOG_UNLIKELY(id == 0)) {
+        id = static_cast<unsigned int>(::syscall(SYS_gettid));
+        tlsThreadId = id;
+    }
+    return id;
+}
+
+// The child of fork() is a new thread of a new process: it must not go on
+// answering with its parent's id.
+struct ForkGuard {
+    ForkGuard() {
+        ::pthread_atfork(nullptr, nullptr, [] { tlsThreadId = 0; });
+    }
+} forkGuard;
+
+std::atomic<TraceHook> traceHook{nullptr};
+
+inline void cpuRelax() {
+#if defined(__x86_64__) || defined(__i386__)
+    _mm_pause();
+#else
+    std::this_thread::yield();
+#endif
+}
+
+// Timeouts beyond this (about 35 years) are as good as Infinite and would
+// overflow the clock's arithmetic.
+constexpr unsigned long kMaxTimeoutMs = 1ul << 40;
+
+}  // namespace
+
+unsigned int currentThreadId() { return selfId(); }
+
+void setTraceHook(TraceHook hook) { traceHook.store(hook, std::memory_order_release); }
+
+namespace detail {
+
+void trace(unsigned char level, const char* function, const char* format, ...) {
+    TraceHook hook = traceHook.load(std::memory_order_acquire);
+    if (!hook) return;
+    char text[512];
+    va_list args;
+    va_start(args, format);
+    vsnprintf(text, sizeof text, format, args);
+    va_end(args);
+    hook(level, function, text);
+}
+
+}  // namespace detail
+
+// ---------------------------------------------------------------- Mutex
+
+Mutex::Mutex(Mode mode) : mode_(mode) {}
+
+Mutex::~Mutex() = default;
+
+// The owner word is only ever set to the caller's own id by the caller, so a
+// relaxed read that finds the caller's id is exact: nobody else can have put
+// it there.
+void Mutex::lock() {
+    const unsigned int self = selfId();
+    if (ZVLOG_UNLIKELY(owner_.load(std::memory_order_relaxed) == self)) {
+        if (mode_ == NonRecursive) zvFatalSystemError(36, "zvs::zvlib::MultiThreading::Mutex::lock");
+        ++count_;
+        return;
+    }
+    mutex_.lock();
+    owner_.store(self, std::memory_order_relaxed);
+    count_ = 1;
+}
+
+bool Mutex::tryLock() {
+    const unsigned int self = selfId();
+    if (ZVLOG_UNLIKELY(owner_.load(std::memory_order_relaxed) == self)) {
+        if (mode_ == NonRecursive) zvFatalSystemError(36, "zvs::zvlib::MultiThreading::Mutex::tryLock");
+        ++count_;
+        return true;
+    }
+    if (!mutex_.try_lock()) return false;
+    owner_.store(self, std::memory_order_relaxed);
+    count_ = 1;
+    return true;
+}
+
+// Only the holder may unlock; the count is the holder's own.
+void Mutex::unlock() {
+    if (--count_ == 0) {
+        owner_.store(0, std::memory_order_relaxed);
+        mutex_.unlock();
+    }
+}
+
+bool Mutex::heldByCurrentThread() const {
+    return owner_.load(std::memory_order_relaxed) == selfId();
+}
+
+// ---------------------------------------------------------------- Event
+//
+// The signal is an atomic flag; the mutex and condition variable are only for
+// sleepers. A sleeper counts itself in waiters_ before it looks at the flag
+// (under the mutex), and set() stores the flag before it looks at waiters_:
+// with both sides sequentially consistent, either the sleeper sees the flag or
+// set() sees the sleeper and notifies under the mutex, so no wake-up is lost.
+
+Event::Event(ResetMode mode, bool initiallySet) : mode_(mode) {
+    signaled_.store(initiallySet, std::memory_order_relaxed);
+}
+
+Event::~Event() = default;
+
+void Event::set() {
+    // Setting a set event changes nothing: whoever set it notifies the sleepers.
+    if (signaled_.load(std::memory_order_relaxed)) return;
+    signaled_.store(true, std::memory_order_seq_cst);
+    if (waiters_.load(std::memory_order_seq_cst) > 0) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (mode_ == ManualReset)
+            cond_.notify_all();
+        else
+            cond_.notify_one();
+    }
+}
+
+void Event::reset() { signaled_.store(false, std::memory_order_release); }
+
+bool Event::tryWait() {
+    if (!signaled_.load(std::memory_order_seq_cst)) return false;
+    if (mode_ == ManualReset) return true;
+    bool expected = true;
+    return signaled_.compare_exchange_strong(expected, false, std::memory_order_acq_rel);
+}
+
+bool Event::wait(unsigned long timeoutMs, unsigned spinMicros) {
+    if (tryWait()) return true;
+    if (timeoutMs == 0) return false;
+
+    using Clock = std::chrono::steady_clock;
+    const bool infinite = timeoutMs == Infinite || timeoutMs > kMaxTimeoutMs;
+    const Clock::time_point start = Clock::now();
+    const Clock::time_point deadline =
+        infinite ? Clock::time_point::max() : start + std::chrono::milliseconds(timeoutMs);
+
+    if (spinMicros > 0) {
+        Clock::time_point spinEnd = start + std::chrono::microseconds(spinMicros);
+        if (deadline < spinEnd) spinEnd = deadline;
+        for (unsigned i = 1;; ++i) {
+            cpuRelax();
+            if (tryWait()) return true;
+            if ((i & 63) == 0 && Clock::now() >= spinEnd) break;
+        }
+    }
+
+    waiters_.fetch_add(1, std::memory_order_seq_cst);
+    bool signaled = false;
+    {
+        std::unique_lock<std::mutex> lock(mutex_);
+        for (;;) {
+            if (tryWait()) {
+                signaled = true;
+                break;
+            }
+            if (infinite) {
+                cond_.wait(lock);
+            } else if (cond_.wait_until(lock, deadline) == std::cv_status::timeout) {
+                // A set() racing with the time-out still counts.
+                signaled = tryWait();
+                break;
+            }
+        }
+    }
+    waiters_.fetch_sub(1, std::memory_order_seq_cst);
+    return signaled;
+}
+
+}  // namespace zvs::zvlib::MultiThreading
