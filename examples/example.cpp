@@ -1,0 +1,74 @@
+// A first look at zvlog: loggers by dotted name, a console appender with a
+// pattern layout, filters, an asynchronous appender, and the summary report.
+#include <cstdio>
+#include <string>
+#include <thread>
+
+#include "zvlog/zvlog.h"
+
+using namespace zvs::zvlib::zvlog;
+
+int main() {
+    LoggerRepository* repo = Logger::getRepository();
+
+    // Everything reaches standard output through the root's appender.
+    ConsoleAppender console(stdout);
+    console.setName("console");
+    console.setLayout(new PatternLayout("%d{%H:%M:%S} %-5p %c [%t] - %m%n"));
+    repo->getRootLogger()->addAppender(console);
+
+    // The capture process logs at DEBUG; its reader is noisy, so keep only
+    // warnings from it, and drop anything that mentions a password.
+    Logger* capture = repo->getLogger("capture");
+    Logger* reader = capture->getChild("reader");
+    capture->setLevel(LEVEL_DEBUG);
+    reader->setLevel(LEVEL_WARN);
+    auto* noSecrets = new StringMatchFilter();
+    noSecrets->setStringToMatch("password");
+    noSecrets->setAcceptOnMatch("false");
+    console.addFilter(noSecrets);
+
+    ZVLOG_INFO(capture, "capture process %s starting, %d tables", "EXTA", 12);
+    ZVLOG_DEBUG(capture, "checkpoint at sequence %llu", 4096ull);
+    ZVLOG_INFO(reader, "not shown: the reader only passes warnings");
+    ZVLOG_WARN(reader, "transaction log %s is %.1f%% full", "redo01.log", 91.5);
+    ZVLOG_ERROR(capture, "login with password %s refused", "hunter2");  // filtered
+
+    // The delivery process writes through its own asynchronous appender on
+    // standard error: the logging threads only queue their events.
+    ConsoleAppender errors(stderr);
+    errors.setName("errors");
+    errors.setLayout(new PatternLayout("%p %c{1} [%t] %m%n"));
+    errors.setThreshold(LEVEL_ERROR);
+    errors.setAsynchronous(true);
+    Logger* delivery = repo->getLogger("delivery.applier");
+    delivery->setLevel(LEVEL_INFO);
+    delivery->setAdditivity(false);
+    delivery->addAppender(errors);
+    delivery->addAppender(console);
+
+    std::thread workers[2];
+    for (int w = 0; w < 2; ++w) {
+        workers[w] = std::thread([delivery, w] {
+            LoggerRepository::setThreadName(w == 0 ? "applier-1" : "applier-2");
+            for (int i = 0; i < 3; ++i) ZVLOG_INFO(delivery, "applied batch %d", i);
+            ZVLOG_ERROR(delivery, "row %d of table %s conflicts", 100 + w, "ORDERS");
+        });
+    }
+    for (std::thread& t : workers) t.join();
+    errors.setAsynchronous(false);  // delivers what is still queued
+
+    // The standard loggers stay off until configured.
+    ZVLOG_STD(utility, LEVEL_FATAL, "never printed");
+    zvlog_std_utility->setLevel(LEVEL_INFO);
+    zvlog_std_utility->addAppender(console);
+    zvlog_std_utility->setAdditivity(false);
+    ZVLOG_STD(utility, LEVEL_INFO, "standard utility logger enabled");
+
+    std::string report;
+    repo->getSummaryReport(report);
+    fflush(stdout);
+    printf("\nSummary report:%s", report.c_str());
+    repo->shutdown();
+    return 0;
+}
