@@ -16,6 +16,7 @@
 //   bench_core [--benchmark_filter=...] [other Google Benchmark flags]
 
 #include <benchmark/benchmark.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <cstdio>
@@ -177,6 +178,9 @@ struct Figures {
 // Prints the usual table and keeps each benchmark's ns/event for the summary.
 class RecordingReporter : public benchmark::ConsoleReporter {
 public:
+    explicit RecordingReporter(bool color)
+        : ConsoleReporter(color ? OO_ColorTabular : OO_Tabular) {}
+
     void ReportRuns(const std::vector<Run>& runs) override {
         for (const Run& run : runs) {
             if (run.error_occurred || run.run_type != Run::RT_Iteration) continue;
@@ -261,9 +265,21 @@ void printSampleLines() {
     std::fflush(stdout);
 }
 
+// A reporter of our own does not see --benchmark_color: colour only on a
+// terminal, and never when asked for none.
+bool wantColor(int argc, char** argv) {
+    for (int i = 1; i < argc; ++i) {
+        const std::string a = argv[i];
+        if (a == "--benchmark_color=false" || a == "--benchmark_color=no") return false;
+        if (a == "--benchmark_color=true" || a == "--benchmark_color=yes") return true;
+    }
+    return isatty(STDOUT_FILENO) != 0;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
+    const bool color = wantColor(argc, argv);
     benchmark::Initialize(&argc, argv);
     if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
 
@@ -275,7 +291,7 @@ int main(int argc, char** argv) {
 #endif
     printSampleLines();
 
-    RecordingReporter reporter;
+    RecordingReporter reporter(color);
     benchmark::RunSpecifiedBenchmarks(&reporter);
     printSummary(reporter.figures);
 

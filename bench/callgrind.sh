@@ -13,10 +13,12 @@
 # logging calls plus a few of loop overhead. For "async" that is the producer
 # side only: the queueing, not the delivery thread's formatting.
 #
-# "async" is also run twice more with collection on from the start, with N
-# and with 0 events; the difference over N is the whole cost of an event on
-# every thread (producer, delivery thread including its spin-waits, and the
-# time thread), printed as "async (all threads)".
+# "async" is also run twice more counting the whole process from the start,
+# with N and with 0 events; the difference over N is the whole cost of an
+# event on every thread (producer, delivery thread including its spin-waits,
+# the time thread), printed as "async (all threads)". Threads run one at a
+# time under valgrind, so the delivery thread's share (how often it wakes,
+# how large its batches are) differs from a native run.
 #
 # The callgrind files stay in OUT_DIR (default BUILD_DIR/callgrind) for
 # callgrind_annotate, e.g.
@@ -42,11 +44,15 @@ total_ir() {
     awk '/^(summary|totals):/ { print $2; exit }' "$1"
 }
 
-run_callgrind() {  # file scenario events [extra valgrind options...]
-    local file="$1" scenario="$2" events="$3"
-    shift 3
-    if ! valgrind --tool=callgrind --callgrind-out-file="$file" "$@" \
-            "$driver" "$scenario" "$events" >"$file.log" 2>&1; then
+run_callgrind() {  # file scenario events counted|whole
+    local file="$1" scenario="$2" events="$3" mode="$4"
+    local -a collect=(--collect-atstart=no) extra=()
+    if [[ "$mode" == whole ]]; then
+        collect=(--collect-atstart=yes)
+        extra=(--whole)
+    fi
+    if ! valgrind --tool=callgrind --callgrind-out-file="$file" "${collect[@]}" \
+            "$driver" "$scenario" "$events" "${extra[@]}" >"$file.log" 2>&1; then
         echo "callgrind run failed for $scenario, see $file.log" >&2
         return 1
     fi
@@ -59,7 +65,7 @@ declare -A per_event
 printf '%-22s %14s %12s\n' "scenario" "Ir counted" "Ir/event"
 for s in $scenarios; do
     file="$out/callgrind.out.$s"
-    if ! run_callgrind "$file" "$s" "$n" --collect-atstart=no; then
+    if ! run_callgrind "$file" "$s" "$n" counted; then
         printf '%-22s %14s %12s\n' "$s" "-" "(skipped)"
         continue
     fi
@@ -71,8 +77,8 @@ done
 if [[ " $scenarios " == *" async "* && "$n" -gt 0 ]]; then
     full="$out/callgrind.out.async_all"
     empty="$out/callgrind.out.async_all0"
-    if run_callgrind "$full" async "$n" --collect-atstart=yes &&
-        run_callgrind "$empty" async 0 --collect-atstart=yes; then
+    if run_callgrind "$full" async "$n" whole &&
+        run_callgrind "$empty" async 0 whole; then
         a="$(total_ir "$full")"
         b="$(total_ir "$empty")"
         per_event[async_all]="$(awk -v a="$a" -v b="$b" -v n="$n" 'BEGIN { printf "%.1f", (a - b) / n }')"

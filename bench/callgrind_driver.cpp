@@ -1,7 +1,7 @@
 // Runs one logging scenario for N events, for counting instructions with
 // callgrind (see callgrind.sh):
 //
-//   bench_callgrind_driver SCENARIO N
+//   bench_callgrind_driver SCENARIO N [--whole]
 //
 // SCENARIO is one of disabled, buffer, format, async, spdlog_format,
 // spdlog_disabled, spdlog_async. After the setup and a warm-up of a few
@@ -11,6 +11,8 @@
 // instructions inside the loop: collection state is per thread, so the
 // delivery thread of the asynchronous cases (and the library's time thread)
 // is not counted. The drain happens after the loop, outside the count.
+// With --whole the driver leaves collection alone, for runs that count the
+// whole process from the start (callgrind.sh compares N events with none).
 
 #include <cstdio>
 #include <cstdlib>
@@ -32,13 +34,14 @@ namespace {
 using zvbench::zl::LEVEL_DEBUG;
 
 constexpr int kWarmup = 5000;
+bool toggleCollection = true;
 
 // Keeps the compiler from testing the level byte once for the whole loop.
 inline void barrier() { asm volatile("" ::: "memory"); }
 
 int usage(const char* argv0) {
     std::fprintf(stderr,
-                 "usage: %s SCENARIO N\n"
+                 "usage: %s SCENARIO N [--whole]\n"
                  "  SCENARIO: disabled | buffer | format | async | spdlog_format | spdlog_disabled | spdlog_async\n",
                  argv0);
     return 2;
@@ -47,15 +50,19 @@ int usage(const char* argv0) {
 template <class Call>
 void run(int n, Call call) {
     for (int i = 0; i < kWarmup; ++i) call(i);
-    ZVBENCH_TOGGLE();
+    if (toggleCollection) ZVBENCH_TOGGLE();
     for (int i = 0; i < n; ++i) call(i);
-    ZVBENCH_TOGGLE();
+    if (toggleCollection) ZVBENCH_TOGGLE();
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-    if (argc != 3) return usage(argv[0]);
+    if (argc == 4 && std::strcmp(argv[3], "--whole") == 0) {
+        toggleCollection = false;
+    } else if (argc != 3) {
+        return usage(argv[0]);
+    }
     const std::string scenario = argv[1];
     const int n = std::atoi(argv[2]);
     if (n < 0) return usage(argv[0]);

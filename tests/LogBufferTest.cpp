@@ -246,6 +246,39 @@ TEST_F(LogBufferTest, EventsNeverStraddleBlocks) {
     EXPECT_EQ(next, kEvents + 1);
 }
 
+// Sixteen arguments at their limit outgrow a block: the event still moves
+// whole into a fresh block, and its last argument keeps what fits there.
+TEST_F(LogBufferTest, EventLargerThanABlockIsCutNotSplit) {
+    const LocationRecord site{"%r x16", kModule, kMethod, 100, 16};
+    std::string raw(70000, '\0');
+    for (size_t i = 0; i < raw.size(); ++i) raw[i] = static_cast<char>(i * 7);
+    {
+        LogBufferImpl buffer(&thread);
+        logCopy(buffer, 1, 0, LEVEL_INFO, 0, 1, "before");
+        LoggingEvent event = makeEvent(site, 0x10064, 2, 0, LEVEL_INFO, kSeconds, 0);
+        ASSERT_EQ(buffer.addEvent(&event), 16);
+        for (int i = 0; i < 16; ++i) buffer.addArgument(ARG_RAW, raw.data(), 70000);
+        logCopy(buffer, 3, 0, LEVEL_INFO, 0, 3, "after");
+    }
+    const std::vector<std::string> blocks = capture.blocks();
+    ASSERT_EQ(blocks.size(), 3u);
+    std::vector<unsigned> words;
+    for (const std::string& block : blocks) {
+        DecodeResult r = decodeStream(block.data(), block.size());
+        ASSERT_TRUE(r.ok()) << r.errors[0];
+        for (const DecodedEvent& e : r.events) words.push_back(e.eventWord);
+    }
+    EXPECT_EQ(words, (std::vector<unsigned>{1, 2, 3}));
+    DecodeResult big = decodeStream(blocks[1].data(), blocks[1].size());
+    const auto& args = big.events.at(0).arguments;
+    ASSERT_EQ(args.size(), 16u);
+    for (int i = 0; i < 15; ++i) EXPECT_EQ(args[i].bytes(), raw.substr(0, 65536));
+    EXPECT_GT(args[15].bytes().size(), 1000u);
+    EXPECT_LT(args[15].bytes().size(), 65536u);
+    EXPECT_EQ(args[15].bytes(), raw.substr(0, args[15].bytes().size()));
+    EXPECT_EQ(blocks[1].size(), binary::kStreamCapacity - 5);
+}
+
 TEST_F(LogBufferTest, ArgumentsBeyondTheDeclaredCountChangeNothing) {
     LogBufferImpl buffer(&thread);
     logCopy(buffer, 1, 0, LEVEL_INFO, 0, 1, "t");

@@ -262,12 +262,14 @@ TEST(EventTest, SetFromAnotherThreadWakesTheWaiter) {
     for (unsigned spin : {0u, 50u}) {
         Event e(Event::AutoReset);
         std::atomic<bool> woke{false};
-        std::thread waiter([&] { woke = e.wait(Event::Infinite, spin); });
+        std::thread waiter([&] { woke = e.wait(10000, spin); });
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
         EXPECT_FALSE(woke.load());
+        const auto setAt = Clock::now();
         e.set();
         waiter.join();
         EXPECT_TRUE(woke.load());
+        EXPECT_LT(millisSince(setAt), 1000) << "woken by the set, not by the timeout";
         EXPECT_FALSE(e.isSet()) << "the waiter consumes an auto-reset event";
     }
 }
@@ -281,9 +283,11 @@ TEST(EventTest, ManualResetReleasesEveryWaiter) {
             if (e.wait(5000)) released++;
         });
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    const auto setAt = Clock::now();
     e.set();
     for (auto& t : waiters) t.join();
     EXPECT_EQ(released.load(), 4);
+    EXPECT_LT(millisSince(setAt), 1000) << "woken by the set, not by the timeout";
     EXPECT_TRUE(e.isSet());
 }
 
@@ -293,7 +297,7 @@ TEST(EventTest, AutoResetReleasesOneWaiterPerSet) {
     std::vector<std::thread> waiters;
     for (int i = 0; i < 3; ++i)
         waiters.emplace_back([&] {
-            if (e.wait(Event::Infinite)) released++;
+            if (e.wait(10000)) released++;
         });
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
     for (int expected = 1; expected <= 3; ++expected) {
@@ -306,19 +310,24 @@ TEST(EventTest, AutoResetReleasesOneWaiterPerSet) {
 }
 
 TEST(EventTest, PingPongLosesNoWakeUps) {
+    // A lost wake-up would show as a wait that only ends at its timeout.
+    auto promptWait = [](Event& e, unsigned spin) {
+        const auto start = Clock::now();
+        return e.wait(2000, spin) && millisSince(start) < 1000;
+    };
     for (unsigned spin : {0u, 20u}) {
         Event ping(Event::AutoReset), pong(Event::AutoReset);
         const int rounds = 10000;
         std::atomic<int> missed{0};
         std::thread partner([&] {
             for (int i = 0; i < rounds; ++i) {
-                if (!ping.wait(5000, spin)) missed++;
+                if (!promptWait(ping, spin)) missed++;
                 pong.set();
             }
         });
         for (int i = 0; i < rounds; ++i) {
             ping.set();
-            if (!pong.wait(5000, spin)) missed++;
+            if (!promptWait(pong, spin)) missed++;
         }
         partner.join();
         EXPECT_EQ(missed.load(), 0) << "spin " << spin;

@@ -28,6 +28,9 @@ public:
 
     explicit PatternLayout(const char* pattern);
     ~PatternLayout() override;
+    // Literal elements point into this layout's own copy of the pattern.
+    PatternLayout(const PatternLayout&) = delete;
+    PatternLayout& operator=(const PatternLayout&) = delete;
     void format(const LoggingEvent* event, std::string& out) override;
     const std::string& getPattern() const { return pattern_; }
 

@@ -1,5 +1,6 @@
 #include "zvlog/BinaryReader.h"
 
+#include <algorithm>
 #include <bit>
 #include <cerrno>
 #include <cinttypes>
@@ -103,7 +104,7 @@ private:
 
     static unsigned offset(size_t at) { return static_cast<unsigned>(at); }
 
-    void headerError(const char* pattern, size_t start) {
+    [[noreturn]] void headerError(const char* pattern, size_t start) {
         out_.errors.push_back(format(pattern, name_, static_cast<long>(start)));
         throw Stop();
     }
@@ -155,7 +156,7 @@ private:
         return text;
     }
 
-    void invalidToken(unsigned char token, size_t at) {
+    [[noreturn]] void invalidToken(unsigned char token, size_t at) {
         out_.errors.push_back(format("Invalid token 0x%02x in data at offset 0x%08x\n", token, offset(at)));
         throw Stop();
     }

@@ -51,6 +51,29 @@ inline void putText(unsigned char*& p, const char* text, size_t length) {
     *p++ = 0;
 }
 
+// Short texts are the common case: copy them without a library call, in
+// overlapping words that stay within the source.
+inline void copyBytes(unsigned char* to, const void* from, size_t n) {
+    const auto* f = static_cast<const unsigned char*>(from);
+    if (n >= 8 && n <= 16) {
+        uint64_t head, tail;
+        std::memcpy(&head, f, 8);
+        std::memcpy(&tail, f + n - 8, 8);
+        std::memcpy(to, &head, 8);
+        std::memcpy(to + n - 8, &tail, 8);
+    } else if (n >= 4 && n < 8) {
+        uint32_t head, tail;
+        std::memcpy(&head, f, 4);
+        std::memcpy(&tail, f + n - 4, 4);
+        std::memcpy(to, &head, 4);
+        std::memcpy(to + n - 4, &tail, 4);
+    } else if (n < 4) {
+        for (size_t i = 0; i < n; ++i) to[i] = f[i];
+    } else {
+        std::memcpy(to, f, n);
+    }
+}
+
 inline bool testBit(const uint64_t* bits, unsigned index) { return (bits[index >> 6] >> (index & 63)) & 1; }
 inline void setBit(uint64_t* bits, unsigned index) { bits[index >> 6] |= uint64_t{1} << (index & 63); }
 
@@ -81,6 +104,7 @@ struct LogBufferImpl::State {
 
     // The previous event of the block (nothing before the first one).
     bool haveLast = false;
+    uint32_t lastSiteId = 0;
     uint16_t lastLogger = 0;
     uint8_t lastCategory = 0;
     uint64_t lastContext = 0;
@@ -350,35 +374,69 @@ bool LogBufferImpl::writeEventHeader() {
     }
     position_ = static_cast<unsigned>(p - base_);
     s.haveLast = true;
+    s.lastSiteId = s.siteId;
     s.lastLogger = s.logger;
     s.lastCategory = s.category;
     s.lastContext = s.context;
     return true;
 }
 
+namespace {
+
+[[gnu::noinline, gnu::cold]] void reportMisorderedEvent(unsigned int line) {
+    detail::raiseMessage(1112, {"zvlog.std", "zvlog/LogBufferImpl", "zvs::zvlib::zvlog::LogBufferImpl::addEvent", line});
+}
+
+[[gnu::noinline, gnu::cold, noreturn]] void reportLockReentered() {
+    zvFatalSystemError(36, "zvs::zvlib::zvlog::LogBufferImpl::addEvent");
+}
+
+}  // namespace
+
 unsigned short LogBufferImpl::addEvent(const LoggingEvent* event) {
     State& s = *state_;
     if (ZVLOG_UNLIKELY(s.expected != 0)) {
-        detail::raiseMessage(1112, {"zvlog.std", "zvlog/LogBufferImpl",
-                                    "zvs::zvlib::zvlog::LogBufferImpl::addEvent", __LINE__});
+        reportMisorderedEvent(__LINE__);
         s.expected = 0;
     }
     // Only the owning thread takes this lock, so a flag is enough to see it
     // taken twice.
-    if (ZVLOG_UNLIKELY(s.locked)) zvFatalSystemError(36, "zvs::zvlib::zvlog::LogBufferImpl::addEvent");
+    if (ZVLOG_UNLIKELY(s.locked)) reportLockReentered();
     s.locked = true;
 
+    // Compare the event's own fields, not their copies just stored: a wide
+    // reload of narrow stores would stall on store forwarding.
     const EventAttributes& a = event->attributes;
-    s.site = a.location ? a.location : &kNoLocation;
-    s.siteId = a.locationKey;
-    s.eventWord = a.sequence;
-    s.logger = a.loggerIndex;
-    s.category = a.level;
-    s.context = (uint64_t{a.time.tv_sec} << 32) | a.time.tv_usec;
+    const LocationRecord* site = a.location ? a.location : &kNoLocation;
+    const uint32_t siteId = a.locationKey;
+    const uint32_t eventWord = a.sequence;
+    const uint16_t logger = a.loggerIndex;
+    const uint8_t category = a.level;
+    const uint64_t context = (uint64_t{a.time.tv_sec} << 32) | a.time.tv_usec;
+    s.site = site;
+    s.siteId = siteId;
+    s.eventWord = eventWord;
+    s.logger = logger;
+    s.category = category;
+    s.context = context;
 
     if (ZVLOG_UNLIKELY(!base_)) startBlock();
     eventStart_ = position_;
-    if (ZVLOG_UNLIKELY(!writeEventHeader())) {
+    // The steady state, inline: the site, logger and category are those of
+    // the previous event of this block, at most the time moved on.
+    if (ZVLOG_LIKELY(s.haveLast && siteId == s.lastSiteId && logger == s.lastLogger &&
+                     category == s.lastCategory && position_ + 32 < kBlockSize)) {
+        unsigned char* p = base_ + position_;
+        *p++ = kEventUse;
+        put<uint32_t>(p, siteId);
+        put<uint32_t>(p, eventWord);
+        if (context != s.lastContext) {
+            *p++ = kContextWord;
+            put<uint64_t>(p, context);
+            s.lastContext = context;
+        }
+        position_ = static_cast<unsigned>(p - base_);
+    } else if (ZVLOG_UNLIKELY(!writeEventHeader())) {
         closeBlock();
         startBlock();
         eventStart_ = position_;
@@ -387,15 +445,62 @@ unsigned short LogBufferImpl::addEvent(const LoggingEvent* event) {
     }
     ++headOf(base_)->eventCount;
     argumentsStart_ = position_;
-    s.expected = s.site->argumentCount;
+    s.expected = site->argumentCount;
     s.locked = false;
-    return s.site->argumentCount;
+    return site->argumentCount;
 }
 
 unsigned int LogBufferImpl::addArgument(unsigned char type, const void* data, unsigned int length) {
     State& s = *state_;
-    if (s.expected == 0 || !base_) return position_;
+    if (ZVLOG_UNLIKELY(s.expected == 0 || !base_)) return position_;
 
+    // Fixed-size values and short texts with room to spare, inline.
+    unsigned char* const p = base_ + position_;
+    const unsigned int room = kBlockSize - position_;
+    unsigned int size = 0;
+    switch (type) {
+    case ARG_INT32:
+    case ARG_UINT32:
+    case ARG_FLOAT:
+        if (ZVLOG_UNLIKELY(!data || room < 16)) break;
+        std::memcpy(p + 1, data, 4);
+        size = 5;
+        break;
+    case ARG_INT64:
+    case ARG_UINT64:
+    case ARG_POINTER:
+    case ARG_TIME:
+        if (ZVLOG_UNLIKELY(!data || room < 16)) break;
+        std::memcpy(p + 1, data, 8);
+        size = 9;
+        break;
+    case ARG_INT16:
+    case ARG_UINT16:
+        if (ZVLOG_UNLIKELY(!data || room < 16)) break;
+        std::memcpy(p + 1, data, 2);
+        size = 3;
+        break;
+    case ARG_STRING:
+        if (ZVLOG_UNLIKELY(!data || length >= kMaxArgumentData || length + 8 >= room)) break;
+        copyBytes(p + 1, data, length);
+        p[1 + length] = 0;
+        size = length + 2;
+        break;
+    default:
+        break;
+    }
+    if (ZVLOG_LIKELY(size != 0)) {
+        *p = type;
+        position_ += size;
+        --s.expected;
+        return static_cast<unsigned>(p + 1 - base_);
+    }
+    return addArgumentSlow(type, data, length);
+}
+
+// Every type, cut to its limit, and any argument that might not fit.
+unsigned int LogBufferImpl::addArgumentSlow(unsigned char type, const void* data, unsigned int length) {
+    State& s = *state_;
     unsigned int prefix = 0, terminator = 0;
     switch (type) {
     case ARG_STRING:

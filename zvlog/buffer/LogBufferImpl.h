@@ -35,6 +35,7 @@ private:
     static void finishBlock(unsigned char* block);
     bool writeEventHeader();
     void continueInNewBlock();
+    unsigned int addArgumentSlow(unsigned char type, const void* data, unsigned int length);
     size_t freshBlockHeadSize() const;
 
     State* state_;

@@ -16,8 +16,12 @@
 //   otherwise zeros ("0") or blanks precede it. Zero padding goes after the
 //   sign of a negative decimal number and after the "0x" of a pointer.
 //
-// Conversions cut off by the end of the format are copied as they stand and
-// consume nothing, matching detail::countConversions.
+// The known conversion characters are the printf ones: d i u x X o c s S p
+// f F e E g G a A. Any other takes its argument and prints "%?_?" with the
+// character in place of "_"; a type code the renderer does not know prints
+// "###"; a conversion with no argument left prints "???". Conversions cut off
+// by the end of the format are copied as they stand and consume nothing. All
+// of this matches detail::countConversions.
 
 #include <cstdint>
 #include <cstdio>
@@ -35,6 +39,8 @@ namespace {
 using detail::ConversionSpec;
 
 constexpr const char* kTimeArgumentFormat = "%Y-%m-%d %a %Z %H:%M:%S";
+// Widths and precisions are clamped to this, one argument's largest size.
+constexpr int kMaxField = 65536;
 
 template <class T>
 T load(const void* p) {
@@ -317,6 +323,8 @@ void renderMessage(const LoggingEvent* event, std::string& out) {
         out.append(p, static_cast<size_t>(percent - p));
         ConversionSpec spec;
         p = detail::parseConversion(percent + 1, spec);
+        if (spec.width < 0 || spec.width > kMaxField) spec.width = kMaxField;
+        if (spec.precision > kMaxField) spec.precision = kMaxField;
         if (spec.conversion == '%') {
             out += '%';
             continue;

@@ -17,8 +17,7 @@ std::atomic<unsigned int> recordCounter{0};
 
 // The hot path reads the plain pointer; the holder's destructor releases the
 // record when the thread ends, for library threads and foreign ones alike.
-__attribute__((tls_model("initial-exec"))) thread_local ThreadRecord* tlsRecord = nullptr;
-__attribute__((tls_model("initial-exec"))) thread_local bool tlsReleased = false;
+__thread bool tlsReleased __attribute__((tls_model("initial-exec"))) = false;
 
 struct RecordHolder {
     ThreadRecord* record = nullptr;
@@ -29,7 +28,12 @@ struct RecordHolder {
 };
 thread_local RecordHolder tlsHolder;
 
-ThreadRecord* createRecord() {
+}  // namespace
+
+ZVLOG_API __thread ThreadRecord* tlsThreadRecord __attribute__((tls_model("initial-exec"))) = nullptr;
+
+ThreadRecord* createThreadRecord() {
+    if (tlsReleased) return nullptr;  // the thread is ending
     auto* r = new ThreadRecord();
     r->number = recordCounter.fetch_add(1, std::memory_order_relaxed) + 1;
     r->osThreadId = MultiThreading::currentThreadId();
@@ -38,24 +42,15 @@ ThreadRecord* createRecord() {
         snprintf(buf, sizeof buf, "%u", r->osThreadId);
         r->name = buf;
     }
-    tlsRecord = r;
+    tlsThreadRecord = r;
     tlsHolder.record = r;
     return r;
 }
 
-}  // namespace
+ThreadRecord* peekThreadRecord() { return tlsThreadRecord; }
 
-ThreadRecord* currentThreadRecord() {
-    ThreadRecord* r = tlsRecord;
-    if (ZVLOG_LIKELY(r != nullptr)) return r;
-    if (tlsReleased) return nullptr;  // the thread is ending
-    return createRecord();
-}
-
-ThreadRecord* peekThreadRecord() { return tlsRecord; }
-
-LogBufferImpl* threadBuffer(ThreadRecord* record) {
-    if (ZVLOG_UNLIKELY(!record->buffer)) record->buffer = new LogBufferImpl(record);
+LogBufferImpl* createThreadBuffer(ThreadRecord* record) {
+    record->buffer = new LogBufferImpl(record);
     return record->buffer;
 }
 
@@ -71,7 +66,7 @@ Logger::LoggingRecursionCheck::LoggingRecursionCheck() : buffer_(nullptr), saved
 
 Logger::LoggingRecursionCheck::~LoggingRecursionCheck() {
     if (buffer_) {
-        ThreadRecord* r = tlsRecord;
+        ThreadRecord* r = tlsThreadRecord;
         if (r) --r->depth;
     }
     errno = savedErrno_;
@@ -88,9 +83,9 @@ const char* LoggerRepository::getThreadName() {
 }
 
 void LoggerRepository::threadComplete() {
-    ThreadRecord* r = tlsRecord;
+    ThreadRecord* r = tlsThreadRecord;
     if (!r) return;
-    tlsRecord = nullptr;
+    tlsThreadRecord = nullptr;
     tlsHolder.record = nullptr;
     // Closing the buffer hands its last block on; logging from what that
     // triggers is dropped, as the thread is still marked as logging.
