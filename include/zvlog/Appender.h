@@ -79,6 +79,8 @@ private:
         unsigned long long highWater = 0;
     };
     static unsigned int deliveryThread(void* self);
+    template <class Change>
+    void underLockHolder(Change&& change);
     int runFilters(const LoggingEvent* event) const;
 
     AsyncState async_;

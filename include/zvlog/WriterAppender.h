@@ -31,6 +31,8 @@ protected:
     // Adopts an open stream; lockable says whether it is a regular file that
     // other processes may share (locked and sought for every write).
     void setStream(FILE* stream, bool lockable);
+    template <class Fill>
+    void writeText(Fill&& fill);
 
     FILE* stream_ = nullptr;
     std::string scratch_;

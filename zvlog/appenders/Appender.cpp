@@ -97,51 +97,40 @@ void Appender::flushOutput() {
 
 void Appender::setName(const char* name) { name_ = name ? name : ""; }
 
-void Appender::setThreshold(unsigned char level) {
+// While asynchronous, settings change under the queue's lock holder.
+template <class Change>
+void Appender::underLockHolder(Change&& change) {
     if (async_.on.load(std::memory_order_acquire)) {
         MutexLock lock(async_.queue->lock);
-        threshold_ = level;
+        change();
     } else {
-        threshold_ = level;
+        change();
     }
+}
+
+void Appender::setThreshold(unsigned char level) {
+    underLockHolder([&] { threshold_ = level; });
 }
 
 void Appender::setEnabled(bool enabled) {
-    if (async_.on.load(std::memory_order_acquire)) {
-        MutexLock lock(async_.queue->lock);
-        enabled_ = enabled;
-    } else {
-        enabled_ = enabled;
-    }
+    underLockHolder([&] { enabled_ = enabled; });
 }
 
 void Appender::setLayout(Layout* layout) {
-    auto apply = [&] {
+    underLockHolder([&] {
         layout_ = layout;
         deliveryMode_ = (layout && !layout->canLayoutEvents()) ? DELIVERY_RAW : DELIVERY_DIRECT;
-    };
-    if (async_.on.load(std::memory_order_acquire)) {
-        MutexLock lock(async_.queue->lock);
-        apply();
-    } else {
-        apply();
-    }
+    });
 }
 
 void Appender::addFilter(Filter* filter) {
     if (!filter) return;
     filter->next = nullptr;
-    auto link = [&] {
+    underLockHolder([&] {
         Filter** tail = &filters_;
         while (*tail) tail = &(*tail)->next;
         *tail = filter;
-    };
-    if (async_.on.load(std::memory_order_acquire)) {
-        MutexLock lock(async_.queue->lock);
-        link();
-    } else {
-        link();
-    }
+    });
 }
 
 void Appender::clearFilters() {

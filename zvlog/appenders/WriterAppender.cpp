@@ -67,20 +67,19 @@ void WriterAppender::write(const void* data, unsigned long long length) {
     if (locked) zvUnlockFileFirstByte(fd);
 }
 
-void WriterAppender::writeHeader() {
-    Layout* layout = getLayout();
-    if (!layout) return;
+template <class Fill>
+void WriterAppender::writeText(Fill&& fill) {
     std::string text;
-    layout->getHeader(text);
+    fill(text);
     if (!text.empty()) write(text.data(), text.size());
 }
 
+void WriterAppender::writeHeader() {
+    if (Layout* layout = getLayout()) writeText([layout](std::string& t) { layout->getHeader(t); });
+}
+
 void WriterAppender::writeFooter() {
-    Layout* layout = getLayout();
-    if (!layout) return;
-    std::string text;
-    layout->getFooter(text);
-    if (!text.empty()) write(text.data(), text.size());
+    if (Layout* layout = getLayout()) writeText([layout](std::string& t) { layout->getFooter(t); });
 }
 
 ConsoleAppender::ConsoleAppender(FILE* stream) : WriterAppender("") {
