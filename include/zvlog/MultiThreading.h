@@ -96,6 +96,7 @@ public:
     static constexpr unsigned int StateStarted = 0xbad00103u;
 
     Thread(Function function, const char* name, unsigned int stackSize = 0);
+    // A started thread that was never waited for is joined here, not leaked.
     virtual ~Thread();
     Thread(const Thread&) = delete;
     Thread& operator=(const Thread&) = delete;
