@@ -8,20 +8,31 @@
 //                   "%d %p %c - %m%n" into a reused string and drops it
 //   async producer  the same appender delivering on its own thread; only the
 //                   logging call is timed, the drain happens outside and is
-//                   reported as a counter (ns per event including the drain)
+//                   reported as a counter (ns per event including the drain).
+//                   A flood outruns the delivery thread, so the queue grows
+//                   the whole run; the "burst" variant times bursts of
+//                   kBurst calls and lets the queue drain (untimed) between
+//                   them, the producer's cost while delivery keeps up.
 //
-// After the Google Benchmark table a summary prints ns/event and the
-// zvlog/spdlog ratio of the comparable cases.
+// After the Google Benchmark table a summary prints ns/event, as wall time
+// and as the logging thread's CPU time, and the zvlog/spdlog ratios of the
+// comparable cases. With two cores the asynchronous wall times depend on where
+// the scheduler puts the delivery thread (sharing the producer's core, it is
+// charged to the producer's wall time); the CPU figures do not.
 //
-//   bench_core [--benchmark_filter=...] [other Google Benchmark flags]
+//   bench_core [--benchmark_filter=...] [--benchmark_repetitions=3] [...]
+//
+// With repetitions the summary uses the medians.
 
 #include <benchmark/benchmark.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <cstdio>
+#include <ctime>
 #include <map>
 #include <memory>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -36,6 +47,7 @@ using Clock = std::chrono::steady_clock;
 // consumer lags, and an open-ended run on a busy machine could grow them a
 // long way.
 constexpr int64_t kAsyncEvents = 1 << 20;
+constexpr int kBurst = 1000;
 
 zvbench::ZvlogSetup* zv = nullptr;
 #ifdef ZVLOG_BENCH_HAVE_SPDLOG
@@ -44,6 +56,14 @@ zvbench::SpdlogSetup* sp = nullptr;
 
 double nsSince(Clock::time_point start) {
     return std::chrono::duration<double, std::nano>(Clock::now() - start).count();
+}
+
+// The calling thread's CPU time: unlike the wall clock it leaves out the
+// time the producer is preempted by the delivery thread on a busy machine.
+double threadCpuNs() {
+    timespec ts;
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &ts);
+    return static_cast<double>(ts.tv_sec) * 1e9 + static_cast<double>(ts.tv_nsec);
 }
 
 // --- zvlog -----------------------------------------------------------------
@@ -121,6 +141,36 @@ void BM_zvlog_async_producer(benchmark::State& state) {
 }
 BENCHMARK(BM_zvlog_async_producer)->Iterations(kAsyncEvents)->UseRealTime();
 
+// Bursts of kBurst calls, each timed alone; the queue drains between them.
+void BM_zvlog_async_burst(benchmark::State& state) {
+    zvbench::zl::Logger* logger = zv->async;
+    zvbench::DiscardAppender& appender = zv->asyncAppender;
+    appender.setAsynchronous(true);
+    unsigned long long expected = appender.getEventsIssued();
+    double cpu = 0;
+    int i = 0;
+    for (auto _ : state) {
+        const double cpuStart = threadCpuNs();
+        const Clock::time_point start = Clock::now();
+        for (int k = 0; k < kBurst; ++k) {
+            ZVLOG_INFO(logger, "iteration %d value %s", i, "short");
+            ++i;
+        }
+        state.SetIterationTime(nsSince(start) * 1e-9);
+        cpu += threadCpuNs() - cpuStart;
+        expected += kBurst;
+        if (!zvbench::waitForIssued(appender, expected)) {
+            state.SkipWithError("the drain did not finish");
+            break;
+        }
+    }
+    appender.setAsynchronous(false);
+    state.SetItemsProcessed(state.iterations() * kBurst);
+    state.counters["burst"] = kBurst;
+    state.counters["cpu_ns"] = cpu / static_cast<double>(state.iterations() * kBurst);
+}
+BENCHMARK(BM_zvlog_async_burst)->UseManualTime();
+
 // --- spdlog ----------------------------------------------------------------
 
 #ifdef ZVLOG_BENCH_HAVE_SPDLOG
@@ -166,29 +216,65 @@ void BM_spdlog_async_producer(benchmark::State& state) {
 }
 BENCHMARK(BM_spdlog_async_producer)->Iterations(kAsyncEvents)->UseRealTime();
 
+void BM_spdlog_async_burst(benchmark::State& state) {
+    spdlog::async_logger* logger = sp->async.get();
+    unsigned long long expected = sp->asyncSink->count();
+    double cpu = 0;
+    int i = 0;
+    for (auto _ : state) {
+        const double cpuStart = threadCpuNs();
+        const Clock::time_point start = Clock::now();
+        for (int k = 0; k < kBurst; ++k) {
+            logger->info("iteration {} value {}", i, "short");
+            ++i;
+        }
+        state.SetIterationTime(nsSince(start) * 1e-9);
+        cpu += threadCpuNs() - cpuStart;
+        expected += kBurst;
+        if (!zvbench::waitForSunk(*sp->asyncSink, expected)) {
+            state.SkipWithError("the drain did not finish");
+            break;
+        }
+    }
+    state.SetItemsProcessed(state.iterations() * kBurst);
+    state.counters["burst"] = kBurst;
+    state.counters["cpu_ns"] = cpu / static_cast<double>(state.iterations() * kBurst);
+}
+BENCHMARK(BM_spdlog_async_burst)->UseManualTime();
+
 #endif  // ZVLOG_BENCH_HAVE_SPDLOG
 
 // --- summary -----------------------------------------------------------------
 
 struct Figures {
-    double ns = 0;          // real time per event
-    double withDrain = -1;  // asynchronous runs only
+    double real = 0;        // wall time per event
+    double cpu = 0;         // the calling thread's CPU time per event
+    double withDrain = -1;  // asynchronous floods only: wall time including the drain
 };
 
-// Prints the usual table and keeps each benchmark's ns/event for the summary.
+// Prints the usual table and keeps each benchmark's figures per event for the
+// summary (the medians when repetitions are asked for).
 class RecordingReporter : public benchmark::ConsoleReporter {
 public:
-    explicit RecordingReporter(bool color)
-        : ConsoleReporter(color ? OO_ColorTabular : OO_Tabular) {}
+    explicit RecordingReporter(bool color) : ConsoleReporter(color ? OO_ColorTabular : OO_Tabular) {}
 
     void ReportRuns(const std::vector<Run>& runs) override {
         for (const Run& run : runs) {
-            if (run.error_occurred || run.run_type != Run::RT_Iteration) continue;
+            if (run.error_occurred) continue;
+            const bool median = run.run_type == Run::RT_Aggregate && run.aggregate_name == "median";
+            if (run.run_type != Run::RT_Iteration && !median) continue;
+            const std::string& name = run.run_name.function_name;
+            if (!median && haveMedian_.count(name)) continue;
+            if (median) haveMedian_.insert(name);
             Figures f;
-            f.ns = run.GetAdjustedRealTime() * nsPerUnit(run.time_unit);
-            auto it = run.counters.find("with_drain_ns");
-            if (it != run.counters.end()) f.withDrain = it->second.value;
-            figures[run.run_name.function_name] = f;
+            f.real = run.GetAdjustedRealTime() * nsPerUnit(run.time_unit);
+            f.cpu = run.GetAdjustedCPUTime() * nsPerUnit(run.time_unit);
+            if (const double* burst = counter(run, "burst"); burst && *burst > 0) f.real /= *burst;
+            // Bursts measure their CPU time themselves: the benchmark's own
+            // CPU column also holds the untimed waits for the drain.
+            if (const double* cpu = counter(run, "cpu_ns")) f.cpu = *cpu;
+            if (const double* drain = counter(run, "with_drain_ns")) f.withDrain = *drain;
+            figures[name] = f;
         }
         ConsoleReporter::ReportRuns(runs);
     }
@@ -196,6 +282,12 @@ public:
     std::map<std::string, Figures> figures;
 
 private:
+    std::set<std::string> haveMedian_;
+
+    static const double* counter(const Run& run, const char* name) {
+        auto it = run.counters.find(name);
+        return it == run.counters.end() ? nullptr : &it->second.value;
+    }
     static double nsPerUnit(benchmark::TimeUnit unit) {
         switch (unit) {
             case benchmark::kSecond: return 1e9;
@@ -215,40 +307,41 @@ void printSummary(const std::map<std::string, Figures>& figures) {
         const char* label;
         const char* zvlog;
         const char* spdlog;
-        double target;
+        double target;  // 0: none
+        bool drain;     // the flood's "with the drain" figures
     };
     const Row rows[] = {
-        {"disabled call", "BM_zvlog_disabled", "BM_spdlog_disabled", 0.6},
-        {"disabled (standard logger)", "BM_zvlog_std_disabled", nullptr, 0.6},
-        {"buffer only", "BM_zvlog_buffer_only", nullptr, 30},
-        {"formatting appender", "BM_zvlog_format", "BM_spdlog_format", 130},
-        {"async producer", "BM_zvlog_async_producer", "BM_spdlog_async_producer", 100},
+        {"disabled call", "BM_zvlog_disabled", "BM_spdlog_disabled", 0.6, false},
+        {"disabled, standard logger", "BM_zvlog_std_disabled", nullptr, 0.6, false},
+        {"buffer only", "BM_zvlog_buffer_only", nullptr, 30, false},
+        {"formatting appender", "BM_zvlog_format", "BM_spdlog_format", 130, false},
+        {"async producer, flood", "BM_zvlog_async_producer", "BM_spdlog_async_producer", 100, false},
+        {"async flood incl. drain", "BM_zvlog_async_producer", "BM_spdlog_async_producer", 0, true},
+        {"async producer, bursts", "BM_zvlog_async_burst", "BM_spdlog_async_burst", 100, false},
     };
-    std::printf("\nSummary (real time, ns per event)\n");
-    std::printf("  %-28s %10s %8s %10s %8s %s\n", "case", "zvlog", "target", "spdlog", "ratio", "");
+    auto cell = [](char (&buf)[32], double v) {
+        if (v >= 0) std::snprintf(buf, sizeof buf, "%.2f", v);
+        else std::snprintf(buf, sizeof buf, "-");
+        return buf;
+    };
+    std::printf("\nSummary: ns per event (wall time / the logging thread's CPU time)\n");
+    std::printf("  %-26s %9s %9s %7s %9s %9s %7s %7s\n", "case", "zvlog", "zv cpu", "target", "spdlog", "sp cpu",
+                "ratio", "r. cpu");
     for (const Row& r : rows) {
         const Figures* z = find(r.zvlog);
         const Figures* s = r.spdlog ? find(r.spdlog) : nullptr;
-        if (!z) continue;
-        char spd[32] = "-", ratio[32] = "-";
-        if (s) {
-            std::snprintf(spd, sizeof spd, "%.2f", s->ns);
-            std::snprintf(ratio, sizeof ratio, "%.2f", z->ns / s->ns);
-        }
-        std::printf("  %-28s %10.2f %8.1f %10s %8s %s\n", r.label, z->ns, r.target, spd, ratio,
-                    z->ns <= r.target ? "" : "  (above target)");
+        if (!z || (r.drain && z->withDrain < 0)) continue;
+        const double zReal = r.drain ? z->withDrain : z->real;
+        const double zCpu = r.drain ? -1 : z->cpu;
+        const double sReal = s ? (r.drain ? s->withDrain : s->real) : -1;
+        const double sCpu = s && !r.drain ? s->cpu : -1;
+        char b[8][32];
+        std::printf("  %-26s %9s %9s %7s %9s %9s %7s %7s%s\n", r.label, cell(b[0], zReal), cell(b[1], zCpu),
+                    r.target > 0 ? cell(b[2], r.target) : "-", cell(b[3], sReal), cell(b[4], sCpu),
+                    sReal > 0 ? cell(b[5], zReal / sReal) : "-", sCpu > 0 && zCpu >= 0 ? cell(b[6], zCpu / sCpu) : "-",
+                    r.target > 0 && zReal > r.target ? "  above target" : "");
     }
-    const Figures* za = find("BM_zvlog_async_producer");
-    const Figures* sa = find("BM_spdlog_async_producer");
-    if (za && za->withDrain >= 0) {
-        char spd[32] = "-", ratio[32] = "-";
-        if (sa && sa->withDrain > 0) {
-            std::snprintf(spd, sizeof spd, "%.2f", sa->withDrain);
-            std::snprintf(ratio, sizeof ratio, "%.2f", za->withDrain / sa->withDrain);
-        }
-        std::printf("  %-28s %10.2f %8s %10s %8s\n", "async, including the drain", za->withDrain, "-", spd, ratio);
-    }
-    std::printf("  (ratio = zvlog / spdlog; below 1 means zvlog is faster)\n");
+    std::printf("  (ratio = zvlog / spdlog, below 1 is faster; \"r. cpu\" compares CPU times)\n");
 }
 
 void printSampleLines() {

@@ -26,7 +26,7 @@
 set -euo pipefail
 
 here="$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)"
-build="${1:-$here/../build-bench}"
+build="$(cd "${1:-$here/../build-bench}" && pwd)"
 n="${2:-200000}"
 driver="$build/bench/bench_callgrind_driver"
 out="${OUT_DIR:-$build/callgrind}"

@@ -1,6 +1,7 @@
 // Thread identifiers, the trace hook, Mutex and Event of the thread layer.
 #include "zvlog/MultiThreading.h"
 
+#include <linux/futex.h>
 #include <pthread.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -82,6 +83,9 @@ Mutex::Mutex(Mode mode) : mode_(mode) {}
 
 Mutex::~Mutex() = default;
 
+// The lock is a futex word: taking a free lock is one compare-and-swap,
+// releasing it one exchange, and only contention reaches the kernel.
+//
 // The owner word is only ever set to the caller's own id by the caller, so a
 // relaxed read that finds the caller's id is exact: nobody else can have put
 // it there.
@@ -92,9 +96,27 @@ void Mutex::lock() {
         ++count_;
         return;
     }
-    mutex_.lock();
+    int expected = 0;
+    if (ZVLOG_UNLIKELY(!state_.compare_exchange_strong(expected, 1, std::memory_order_acquire))) lockContended();
     owner_.store(self, std::memory_order_relaxed);
     count_ = 1;
+}
+
+void Mutex::lockContended() {
+    // A short spin first: holders keep the lock for a few hundred cycles.
+    for (int i = 0; i < 64; ++i) {
+        cpuRelax();
+        int expected = 0;
+        if (state_.load(std::memory_order_relaxed) == 0 &&
+            state_.compare_exchange_weak(expected, 1, std::memory_order_acquire))
+            return;
+    }
+    while (state_.exchange(2, std::memory_order_acquire) != 0)
+        ::syscall(SYS_futex, reinterpret_cast<int*>(&state_), FUTEX_WAIT_PRIVATE, 2, nullptr, nullptr, 0);
+}
+
+void Mutex::wakeOne() {
+    ::syscall(SYS_futex, reinterpret_cast<int*>(&state_), FUTEX_WAKE_PRIVATE, 1, nullptr, nullptr, 0);
 }
 
 bool Mutex::tryLock() {
@@ -104,7 +126,8 @@ bool Mutex::tryLock() {
         ++count_;
         return true;
     }
-    if (!mutex_.try_lock()) return false;
+    int expected = 0;
+    if (!state_.compare_exchange_strong(expected, 1, std::memory_order_acquire)) return false;
     owner_.store(self, std::memory_order_relaxed);
     count_ = 1;
     return true;
@@ -114,7 +137,7 @@ bool Mutex::tryLock() {
 void Mutex::unlock() {
     if (--count_ == 0) {
         owner_.store(0, std::memory_order_relaxed);
-        mutex_.unlock();
+        if (ZVLOG_UNLIKELY(state_.exchange(0, std::memory_order_release) == 2)) wakeOne();
     }
 }
 

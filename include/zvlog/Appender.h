@@ -76,21 +76,25 @@ private:
         // Lock holder, signals, queues and thread; kept until the appender
         // goes, so that a producer racing a switch-off never sees it freed.
         AsyncQueue* queue = nullptr;
-        unsigned long long highWater = 0;
+        alignas(64) unsigned long long highWater = 0;
     };
     static unsigned int deliveryThread(void* self);
+    static void releaseQueued(AsyncQueue* queue);
     template <class Change>
     void underLockHolder(Change&& change);
     int runFilters(const LoggingEvent* event) const;
+    void countIssued(unsigned long long n);
 
+    // Read by every delivery.
     AsyncState async_;
     Filter* filters_ = nullptr;
     Layout* layout_ = nullptr;
-    MultiThreading::Mutex mutex_{MultiThreading::Mutex::NonRecursive};
     std::string name_;
     unsigned char threshold_ = 1;
     bool enabled_ = true;
     unsigned int deliveryMode_ = DELIVERY_DIRECT;
+    // Written per event, by the logging threads or the delivery thread.
+    alignas(64) MultiThreading::Mutex mutex_{MultiThreading::Mutex::NonRecursive};
     std::atomic<unsigned long long> eventsIssued_{0};
     std::atomic<unsigned long long> eventsFiltered_{0};
 };

@@ -74,19 +74,23 @@ private:
     ~Logger();
     void setEffectiveLevel(unsigned char value);
 
-    MultiThreading::Mutex mutex_{MultiThreading::Mutex::NonRecursive};
-    unsigned short index_;
-    unsigned char effectiveLevel_ = LEVEL_OFF;  // mirrored into the external byte
-    unsigned char* effectiveLevelPtr_;
+    // Read by every call site and every delivery: kept apart from what
+    // delivering threads write, so that a busy logger does not slow the
+    // inline tests of other threads.
+    alignas(64) unsigned char effectiveLevel_ = LEVEL_OFF;  // mirrored into the external byte
     unsigned char level_ = LEVEL_INHERIT;
-    std::atomic<unsigned long long> eventsLogged_{0};
-    unsigned long long eventsIssued_ = 0;
+    bool additivity_ = true;
+    unsigned short index_;
+    std::atomic<unsigned int> appenderCount_{0};
+    unsigned char* effectiveLevelPtr_;
     Logger* parent_ = nullptr;
     const char* name_;
     const char* parentName_;
     std::vector<Appender*> appenders_;
-    std::atomic<unsigned int> appenderCount_{0};
-    bool additivity_ = true;
+    // Written per event.
+    alignas(64) MultiThreading::Mutex mutex_{MultiThreading::Mutex::NonRecursive};
+    unsigned long long eventsIssued_ = 0;
+    alignas(64) std::atomic<unsigned long long> eventsLogged_{0};
 };
 
 class ZVLOG_API LoggerRepository {

@@ -36,7 +36,11 @@ public:
     Mode mode() const { return mode_; }
 
 private:
-    std::mutex mutex_;
+    void lockContended();
+    void wakeOne();
+
+    // 0 free, 1 held, 2 held with sleepers (futex word).
+    std::atomic<int> state_{0};
     std::atomic<unsigned int> owner_{0};
     unsigned int count_ = 0;
     Mode mode_;

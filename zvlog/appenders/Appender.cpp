@@ -37,14 +37,28 @@ Registry& registry() {
 
 }  // namespace
 
+// Queued events keep their buffer blocks alive. A run of events from one
+// block holds one reference: the producer takes it for the first event of the
+// run (lastBlock, reset whenever the delivery thread takes the queue), and the
+// delivery thread drops it after the run's last event.
 struct Appender::AsyncQueue {
     Mutex lock{Mutex::NonRecursive};
+    const unsigned char* lastBlock = nullptr;
     Event stop{Event::ManualReset};
     Event wake{Event::AutoReset};
     std::vector<LoggingEvent> incoming;
     std::vector<LoggingEvent> working;
     Thread* thread = nullptr;
 };
+
+// Drops the references of events left in the incoming queue, one per run.
+void Appender::releaseQueued(AsyncQueue* q) {
+    const std::vector<LoggingEvent>& in = q->incoming;
+    for (size_t i = 0; i < in.size(); ++i)
+        if (i + 1 == in.size() || in[i + 1].bufferBase != in[i].bufferBase) binary::releaseBlock(in[i].bufferBase);
+    q->incoming.clear();
+    q->lastBlock = nullptr;
+}
 
 Appender::Appender(const char* name) : name_(name ? name : "") {
     LibraryState::ensureInitialized();
@@ -66,7 +80,7 @@ Appender::~Appender() {
         r.appenders.erase(std::remove(r.appenders.begin(), r.appenders.end(), this), r.appenders.end());
     }
     if (AsyncQueue* q = async_.queue) {
-        for (LoggingEvent& e : q->incoming) binary::releaseBlock(e.bufferBase);
+        releaseQueued(q);
         delete q;
     }
 }
@@ -158,9 +172,12 @@ void Appender::deliver(const LoggingEvent* event) {
     }
     if (async_.on.load(std::memory_order_acquire)) {
         AsyncQueue* q = async_.queue;
-        binary::retainBlock(event->bufferBase);  // the copy's arguments live in the block
         {
             MutexLock lock(q->lock);
+            if (event->bufferBase != q->lastBlock) {  // the copy's arguments live in the block
+                binary::retainBlock(event->bufferBase);
+                q->lastBlock = event->bufferBase;
+            }
             q->incoming.push_back(*event);
         }
         q->wake.set();
@@ -168,13 +185,19 @@ void Appender::deliver(const LoggingEvent* event) {
     }
     MutexLock lock(mutex_);
     append(event);
-    eventsIssued_.fetch_add(1, std::memory_order_relaxed);
+    countIssued(1);
 }
 
 void Appender::deliverRaw(const void* data, unsigned int length, unsigned int eventCount) {
     MutexLock lock(mutex_);
     append(data, length);
-    eventsIssued_.fetch_add(eventCount, std::memory_order_relaxed);
+    countIssued(eventCount);
+}
+
+// The issued count has one writer at a time (the holder of the appender's
+// lock, or its delivery thread), so it needs no locked instruction.
+void Appender::countIssued(unsigned long long n) {
+    eventsIssued_.store(eventsIssued_.load(std::memory_order_relaxed) + n, std::memory_order_relaxed);
 }
 
 unsigned int Appender::deliveryThread(void* self) {
@@ -190,14 +213,17 @@ unsigned int Appender::deliveryThread(void* self) {
         {
             MutexLock lock(q->lock);
             q->incoming.swap(q->working);
+            q->lastBlock = nullptr;
             stopping = q->stop.isSet();
         }
-        if (q->working.size() > appender->async_.highWater) appender->async_.highWater = q->working.size();
-        for (LoggingEvent& e : q->working) {
+        const size_t n = q->working.size();
+        if (n > appender->async_.highWater) appender->async_.highWater = n;
+        for (size_t i = 0; i < n; ++i) {
+            const LoggingEvent& e = q->working[i];
             appender->append(&e);
-            appender->eventsIssued_.fetch_add(1, std::memory_order_relaxed);
-            binary::releaseBlock(e.bufferBase);
+            if (i + 1 == n || q->working[i + 1].bufferBase != e.bufferBase) binary::releaseBlock(e.bufferBase);
         }
+        appender->countIssued(n);
         q->working.clear();
         if (stopping) break;
     }
@@ -225,8 +251,7 @@ void Appender::setAsynchronous(bool on) {
         q->thread = nullptr;
         // Events that arrived after the thread's last pass are discarded.
         MutexLock lock(q->lock);
-        for (LoggingEvent& e : q->incoming) binary::releaseBlock(e.bufferBase);
-        q->incoming.clear();
+        releaseQueued(q);
     }
 }
 

@@ -34,6 +34,7 @@ private:
 Logger::Logger(const char* name, const char* parentName, unsigned short index, unsigned char* externalByte)
     : index_(index), effectiveLevelPtr_(externalByte ? externalByte : &effectiveLevel_), name_(name),
       parentName_(parentName) {
+    static_assert(alignof(Logger) == 64);
     if (externalByte) effectiveLevel_ = *externalByte;
 }
 

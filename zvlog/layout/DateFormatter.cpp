@@ -111,14 +111,23 @@ bool computeHalves(uint32_t second, const char* format, size_t len, DateHalves& 
            runStrftime(h.tail, h.tailCap, tailFmt, tm, finalTry, h.tailLen);
 }
 
+// One append: the cached head, ".mmm" when the format shows seconds, the tail.
 void appendHalves(std::string& out, const char* head, size_t headLen, bool hasSeconds, unsigned ms,
                   const char* tail, size_t tailLen) {
-    out.append(head, headLen);
+    const size_t at = out.size();
+    const size_t total = headLen + (hasSeconds ? 4 : 0) + tailLen;
+    out.resize(at + total);
+    char* p = &out[at];
+    std::memcpy(p, head, headLen);
+    p += headLen;
     if (hasSeconds) {
-        out += '.';
-        text::appendZeroFilled(out, ms, 3);
+        p[0] = '.';
+        p[1] = static_cast<char>('0' + ms / 100);
+        p[2] = static_cast<char>('0' + ms / 10 % 10);
+        p[3] = static_cast<char>('0' + ms % 10);
+        p += 4;
     }
-    out.append(tail, tailLen);
+    std::memcpy(p, tail, tailLen);
 }
 
 struct CacheEntry {

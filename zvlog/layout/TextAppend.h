@@ -9,12 +9,26 @@
 
 namespace zvs::zvlib::zvlog::text {
 
-// Writes v in decimal so that it ends just before end; returns its first character.
+// Writes v in decimal so that it ends just before end; returns its first
+// character. Two digits per division.
 inline char* writeDecimalBackwards(char* end, uint64_t v) {
-    do {
-        *--end = static_cast<char>('0' + v % 10);
-        v /= 10;
-    } while (v);
+    static constexpr char kPairs[] =
+        "00010203040506070809101112131415161718192021222324252627282930313233343536373839"
+        "40414243444546474849505152535455565758596061626364656667686970717273747576777879"
+        "8081828384858687888990919293949596979899";
+    while (v >= 100) {
+        const unsigned pair = static_cast<unsigned>(v % 100) * 2;
+        v /= 100;
+        *--end = kPairs[pair + 1];
+        *--end = kPairs[pair];
+    }
+    if (v >= 10) {
+        const unsigned pair = static_cast<unsigned>(v) * 2;
+        *--end = kPairs[pair + 1];
+        *--end = kPairs[pair];
+    } else {
+        *--end = static_cast<char>('0' + v);
+    }
     return end;
 }
 
