@@ -50,7 +50,7 @@ void appendArgument(std::string& line, const MessageArgument& a) {
 // Until the message catalog is in place a raised message is one line on
 // standard error: its code, where it was raised and its arguments.
 void raiseMessage(unsigned int number, const MessageSource& source,
-                  std::initializer_list<MessageArgument> arguments) {
+                  std::initializer_list<MessageArgument> arguments, RaiseMode /*mode*/) {
     const int savedErrno = errno;
     {
         std::lock_guard<std::mutex> lock(countsMutex());

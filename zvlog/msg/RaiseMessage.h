@@ -40,9 +40,15 @@ public:
     };
 };
 
+// Issue: the message is issued now. Store: it is kept in the calling
+// thread's error context for the caller to issue (construction-time
+// problems such as an over-long directory path).
+enum class RaiseMode { Issue, Store };
+
 // Raises message `number`. errno is preserved.
 ZVLOG_API void raiseMessage(unsigned int number, const MessageSource& source,
-                            std::initializer_list<MessageArgument> arguments = {});
+                            std::initializer_list<MessageArgument> arguments = {},
+                            RaiseMode mode = RaiseMode::Issue);
 
 // How many times a message number was raised in this process (for tests and
 // the summary of a run).
