@@ -4,11 +4,51 @@
 #include <string>
 #include <thread>
 
+#include "zvlog/AppContext.h"
 #include "zvlog/zvlog.h"
 
 using namespace zvs::zvlib::zvlog;
 
+// What the build context reports for this program (it links with -rdynamic).
+ZVLOG_DEFINE_BUILD_CONTEXT("zvcapture", "0.1.0", "RelWithDebInfo", "PostgreSQL", "15");
+
+namespace {
+
+// A context item as text, looked up through the application context.
+void printItem(const char* label, ContextItemID id) {
+    CContextItem* item = getAppContext()->GetItem(id);
+    if (!item) {
+        printf("  %-24s <none>\n", label);
+        return;
+    }
+    zvs::zvlib::MultiThreading::MutexLock lock(item->GetLock());
+    switch (item->GetType()) {
+    case CDataItem::TypeString:
+        printf("  %-24s %s\n", label, static_cast<const char*>(*item));
+        break;
+    case CDataItem::TypeBool:
+        printf("  %-24s %s\n", label, static_cast<bool>(*item) ? "true" : "false");
+        break;
+    default:
+        printf("  %-24s %llu\n", label, static_cast<unsigned long long>(*item));
+        break;
+    }
+}
+
+}  // namespace
+
 int main() {
+    // Where this process runs, as every message will describe it.
+    printf("Process context:\n");
+    printItem("ProcessHostName", ProcessHostName);
+    printItem("ProcessExecutableBase", ProcessExecutableBase);
+    printItem("ProcessID", ProcessID);
+    printItem("BuildProgramString", BuildProgramString);
+    printItem("BuildVersion", BuildVersion);
+    printItem("DirProcessLog", DirProcessLog);
+    printItem("DirStructureIsLegacy", DirStructureIsLegacy);
+    printf("\n");
+
     LoggerRepository* repo = Logger::getRepository();
 
     // Everything reaches standard output through the root's appender.

@@ -1,7 +1,5 @@
 #include "zvsca/FilesysHierarchy.h"
 
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <cstdlib>
@@ -12,6 +10,8 @@
 #include "zvlog/Log.h"
 #include "zvlog/Logger.h"
 #include "zvlog/msg/RaiseMessage.h"
+#include "zvstd/Files.h"
+#include "zvstd/ProcessFacts.h"
 
 namespace zvs::zvlib::sca {
 
@@ -108,21 +108,11 @@ std::string normalizedSeparators(std::string path) {
     return path;
 }
 
-bool isDirectory(const std::string& path) {
-    struct stat st;
-    return stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
-}
+bool isDirectory(const std::string& path) { return zvIsDirectory(path); }
 
-bool exists(const std::string& path) {
-    struct stat st;
-    return stat(path.c_str(), &st) == 0;
-}
+bool exists(const std::string& path) { return zvPathExists(path); }
 
-std::string executablePath() {
-    char buffer[4096];
-    const ssize_t n = readlink("/proc/self/exe", buffer, sizeof buffer - 1);
-    return n > 0 ? std::string(buffer, static_cast<size_t>(n)) : std::string();
-}
+std::string executablePath() { return zvExecutablePath(); }
 
 std::string executableBase() {
     const std::string path = executablePath();
@@ -252,20 +242,20 @@ void FilesysHierarchy::createSubdir(const std::string& path) {
 }
 
 void FilesysHierarchy::makeSubdir(const std::string& path) {
-    if (mkdir(path.c_str(), 0755) == 0) return;
-    int error = errno;
+    int error = zvMakeDirectory(path);
+    if (error == 0) return;
     if (error == ENOENT) {
         const std::string parent = parentDirectory(path);
         if (!parent.empty() && parent.size() < path.size()) {
             makeSubdir(parent);
-            if (mkdir(path.c_str(), 0755) == 0) return;
-            error = errno;
+            error = zvMakeDirectory(path);
+            if (error == 0) return;
         }
     }
     if (error == EEXIST) return;
 
-    char buffer[256];
-    const char* text = strerror_r(error, buffer, sizeof buffer);
+    const std::string errorText = zvErrorText(error);
+    const char* text = errorText.c_str();
     ZVLOG_LOG_AT(fileSystemLogger(), zvlog::LEVEL_ERROR, kSourceFile,
                  "zvs::zvlib::sca::FilesysHierarchy::makeSubdir", __LINE__,
                  "Unable to auto create directory '%s': %s (%d).", path, text, error);

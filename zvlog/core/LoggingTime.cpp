@@ -1,12 +1,12 @@
 #include "zvlog/LoggingTime.h"
 
 #include <sys/time.h>
-#include <time.h>
 
 #include <atomic>
 
 #include "zvlog/MultiThreading.h"
 #include "zvlog/core/Library.h"
+#include "zvstd/Files.h"
 
 namespace zvs::zvlib::zvlog {
 
@@ -37,8 +37,7 @@ constexpr uint64_t pack(uint64_t seconds, uint64_t micros) {
 }
 
 uint64_t systemPacked() {
-    struct timespec ts;
-    clock_gettime(CLOCK_REALTIME, &ts);
+    const timespec ts = zvs::zvlib::zvRealTime();
     return pack(static_cast<uint64_t>(ts.tv_sec), static_cast<uint64_t>(ts.tv_nsec) / 1000);
 }
 
