@@ -49,4 +49,13 @@ void* zvFindSymbol(void* module, const char* name) {
     return result;
 }
 
+std::string zvModulePathOf(const void* address) {
+    int savedErrno = errno;
+    std::string path;
+    Dl_info info;
+    if (address && dladdr(address, &info) && info.dli_fname) path = info.dli_fname;
+    errno = savedErrno;
+    return path;
+}
+
 }  // namespace zvs::zvlib

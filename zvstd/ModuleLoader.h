@@ -2,6 +2,8 @@
 // error: a missing module or symbol is simply null.
 #pragma once
 
+#include <string>
+
 #include "zvlog/Export.h"
 
 namespace zvs::zvlib {
@@ -15,5 +17,11 @@ ZVLOG_API void zvUnloadModule(void* module);
 // module depends on (for the main program: from any global library, this one
 // included); such a symbol does not belong to the module and is ignored.
 ZVLOG_API void* zvFindSymbol(void* module, const char* name);
+
+// The file name of the loaded object (the program or a shared library) whose
+// mapping holds `address`, as the dynamic linker recorded it when it loaded
+// the object (absolute, or relative to the directory that was current then);
+// empty when no loaded object holds the address.
+ZVLOG_API std::string zvModulePathOf(const void* address);
 
 }  // namespace zvs::zvlib

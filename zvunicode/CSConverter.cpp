@@ -5,8 +5,8 @@
 #include <unicode/ucnv_cb.h>
 #include <unicode/unistr.h>
 
-
 #include "zvlog/MultiThreading.h"
+#include "zvunicode/IcuConverterPath.h"
 
 namespace {
 
@@ -95,6 +95,7 @@ CSConverterICU::CSConverterICU(ULibCharSet charset, ULibCnvErrBehavior behaviour
     if (charset != ULIB_CS_PLATFORM_DEFAULT) {
         if (const CharSetDescription* row = ULibGetCharSetDescription(charset)) name = row->converterName;
     }
+    zvUseLibraryIcuConverters();  // the converters the library brings along
     UErrorCode status = U_ZERO_ERROR;
     UConverter* converter = ucnv_open(name, &status);
     if (U_FAILURE(status)) {

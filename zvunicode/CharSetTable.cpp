@@ -1,10 +1,12 @@
 // The table of character-set descriptions, one row per ULibCharSet value.
 //
 // Every converter name is a name ICU's standard data opens, except the two
-// rows whose converters a program brings in its own ICU data: UTF-EBCDIC (7)
-// and ibm-5233 (1124). Facts other than the names (CCSID, ASCII and EBCDIC
-// behaviour, bytes per character) are what ICU reports for the converter,
-// with the exceptions noted at the database range.
+// rows whose converters the library brings in its own ICU data (built from
+// zvunicode/data, found beside libzvlog.so): UTF-EBCDIC (7) and ibm-5233
+// (1124). Facts other than the names (CCSID, ASCII and EBCDIC behaviour, bytes
+// per character) are what ICU reports for the converter, with the exceptions
+// noted at the database range and at UTF-EBCDIC, whose row keeps 1 as its
+// maximum bytes per character while the converter takes up to 4.
 //
 // Columns: converter name, alternative ICU names (2), IANA/MIME name, CCSID,
 // ASCII, EBCDIC, minimum bytes, maximum bytes, code-unit size, description.
