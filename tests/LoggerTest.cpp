@@ -151,12 +151,11 @@ TEST(Logger, OverlongParentNameIsReportedAndTheLoggerHangsFromTheRoot) {
     std::string name(130, 'p');
     name += ".leaf";
     unsigned long long before = detail::raisedMessageCount(1112);
-    testing::internal::CaptureStderr();
+    testing::internal::CaptureStdout();
     Logger* l = repo()->getLogger(name.c_str());
-    std::string err = testing::internal::GetCapturedStderr();
+    std::string out = testing::internal::GetCapturedStdout();
     EXPECT_EQ(detail::raisedMessageCount(1112), before + 1);
-    EXPECT_NE(err.find("QMR-01112"), std::string::npos) << err;
-    EXPECT_NE(err.find("zvs::zvlib::zvlog::LoggerName::LoggerName"), std::string::npos) << err;
+    EXPECT_NE(out.find("QMR-01112"), std::string::npos) << out;
     EXPECT_EQ(l->getParent(), repo()->getRootLogger());
     EXPECT_EQ(l->getName(), name);
     // Exactly 126 characters before the dot are still fine.

@@ -54,4 +54,6 @@ void zvSetExitFunction(void (*function)(int)) {
     exitFunction.store(function, std::memory_order_release);
 }
 
+ExitFunction zvGetExitFunction() { return exitFunction.load(std::memory_order_acquire); }
+
 }  // namespace zvs::zvlib

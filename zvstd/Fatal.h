@@ -11,7 +11,10 @@ namespace zvs::zvlib {
 [[noreturn]] ZVLOG_API void zvFatalSystemError(unsigned int code, const char* function);
 
 // The function called with the exit status just before the library ends
-// the process; none by default.
+// the process; none by default. The global zvSetExitFunction of
+// zvlog/LegacyErrors.h sets this same one.
 ZVLOG_API void zvSetExitFunction(void (*function)(int));
+using ExitFunction = void (*)(int);
+ZVLOG_API ExitFunction zvGetExitFunction();
 
 }  // namespace zvs::zvlib

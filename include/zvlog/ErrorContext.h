@@ -48,6 +48,9 @@ public:
     CContextItem* GetItem(ContextItemID id) const override;
 
 private:
+    // operator+= without the issuing test: what Transfer uses.
+    void Append(CMessage* message);
+
     CContextItem* appErrorMessage_;
     CContextItem* appErrorText_;
     CContextItem* osErrorCode_;

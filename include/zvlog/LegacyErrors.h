@@ -19,6 +19,9 @@ ZVLOG_API void zvSetFatalErrorAction(FATALERROR_ACTION action);
 ZVLOG_API void zvSetFatalErrorCallback(void (*callback)(unsigned int number, const char* text));
 ZVLOG_API void zvSetIDLFatalErrorCallback(void (*callback)(const char* text));
 ZVLOG_API void zvSetVAMFatalErrorCallback(void (*callback)());
+// Called with the exit status just before the library ends the process
+// (fatal errors, the "End" action, fatal system errors); none by default.
+ZVLOG_API void zvSetExitFunction(void (*function)(int));
 
 // Console line and error-log entry; the level code names the entry:
 // "INFO" below 223, "WARNING" to 238, "ERROR" from 239.

@@ -99,6 +99,7 @@ public:
     Impl* impl() const { return impl_; }
 
 private:
+    friend struct CMessageFactoryAccess;
     CMessageFactory();
     Impl* impl_;
 };
@@ -139,6 +140,9 @@ public:
 private:
     friend class CMessageFactory;
     CMessage(CMessageFactory* factory, const CMessageDefinition* definition, CMessageContext* context);
+    // Issue without the issue limit: issue limits belong to duplicate
+    // suppression, and a message processed without it is issued normally.
+    bool IssueActions(CActionAttribute mask) const;
 
     CMessageFactory* factory_;
     const CMessageDefinition* definition_;

@@ -21,6 +21,18 @@ namespace {
 constexpr size_t kIndexChunk = 256;
 constexpr size_t kParentNameLimit = 127;
 
+// A name whose parent part was too long, noted under the repository's lock
+// and reported after it.
+thread_local const char* pendingOverlongName = nullptr;
+
+void reportOverlongName() {
+    const char* name = pendingOverlongName;
+    if (!name) return;
+    pendingOverlongName = nullptr;
+    detail::raiseMessage(1112, {"zvlog.std", "zvlog/zvlog", "zvs::zvlib::zvlog::LoggerName::LoggerName", 762},
+                         {name});
+}
+
 // "  <name> (<level>)\r\n", for names of any length.
 void appendNameLine(std::string& text, const std::string& name, const char* level) {
     text += "  ";
@@ -71,9 +83,14 @@ LoggerRepository::LoggerRepository() : impl_(new Impl()) {
 LoggerRepository::~LoggerRepository() = default;  // lives until the process ends
 
 Logger* LoggerRepository::getLogger(const char* name, unsigned char* externalByte) {
-    MutexLock lock(mutex_);
-    bool created = false;
-    return getLoggerLocked(name ? name : "", externalByte, &created);
+    Logger* logger;
+    {
+        MutexLock lock(mutex_);
+        bool created = false;
+        logger = getLoggerLocked(name ? name : "", externalByte, &created);
+    }
+    reportOverlongName();
+    return logger;
 }
 
 Logger* LoggerRepository::getStandardLogger(const char* name, unsigned char* externalByte) {
@@ -84,7 +101,7 @@ Logger* LoggerRepository::getStandardLogger(const char* name, unsigned char* ext
         logger->level_ = LEVEL_OFF;
         updateEffectiveLevelsLocked();
     }
-    return logger;
+    return logger;  // standard names are short: nothing to report
 }
 
 Logger* LoggerRepository::getLoggerLocked(const char* name, unsigned char* externalByte, bool* created) {
@@ -106,8 +123,9 @@ Logger* LoggerRepository::getLoggerLocked(const char* name, unsigned char* exter
     if (dot) {
         size_t parentLength = static_cast<size_t>(dot - interned);
         if (parentLength >= kParentNameLimit) {
-            detail::raiseMessage(1112, {"zvlog.std", "zvlog/zvlog", "zvs::zvlib::zvlog::LoggerName::LoggerName", 762},
-                                 {interned});
+            // Reported once the repository's lock is released: raising a
+            // message may itself need loggers.
+            pendingOverlongName = interned;
         } else {
             parentName = impl_->intern(std::string(interned, parentLength));
             bool parentCreated = false;

@@ -54,7 +54,7 @@ struct Action {
 };
 
 // Binds an action name (exact, case-sensitive); false for an unknown name.
-bool bindAction(const char* name, Action& action);
+ZVLOG_API bool bindAction(const char* name, Action& action);
 
 struct Severity {
     std::string name;
@@ -92,7 +92,7 @@ struct CMessageDefinition {
 
 struct CMessageFactory::Impl {
     // Guards the definition cache (readers share it).
-    MultiThreading::Mutex cacheLock{MultiThreading::Mutex::Recursive};
+    zvs::zvlib::MultiThreading::Mutex cacheLock{zvs::zvlib::MultiThreading::Mutex::Recursive};
     std::map<unsigned int, CMessageDefinition*> definitions;
     icu::Locale locale;
     icu::ResourceBundle* bundle = nullptr;
@@ -105,7 +105,7 @@ struct CMessageFactory::Impl {
         std::map<uint32_t, zvs::zvlib::zvlog::msg::Severity*> codes;
     };
     std::map<uint32_t, ClassSeverity> classSeverities;
-    MultiThreading::Mutex limitLock{MultiThreading::Mutex::NonRecursive};
+    zvs::zvlib::MultiThreading::Mutex limitLock{zvs::zvlib::MultiThreading::Mutex::NonRecursive};
     std::map<unsigned int, unsigned int> issueLimits;
     std::vector<zvs::zvlib::zvlog::msg::Severity*> severities;  // catalog order
     std::atomic<CMessageReportType> reportType{0x7fff};

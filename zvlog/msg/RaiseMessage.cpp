@@ -5,6 +5,11 @@
 #include <cstdio>
 #include <map>
 #include <mutex>
+#include <vector>
+
+#include "zvlog/ErrorContext.h"
+#include "zvlog/Message.h"
+#include "zvlog/SourceContext.h"
 
 namespace zvs::zvlib::zvlog::detail {
 
@@ -19,6 +24,32 @@ std::map<unsigned int, unsigned long long>& counts() {
     static auto* m = new std::map<unsigned int, unsigned long long>();
     return *m;
 }
+
+// A raise made while making or issuing another one (message 1425 for a missing
+// argument, an appender that fails while logging the message) goes through
+// the factory once more; deeper than that it is printed instead, so a failure
+// that raises again cannot loop.
+constexpr int kMaxRaiseDepth = 2;
+thread_local int raiseDepth = 0;
+
+class RaiseScope {
+public:
+    RaiseScope() { ++raiseDepth; }
+    ~RaiseScope() { --raiseDepth; }
+    RaiseScope(const RaiseScope&) = delete;
+    RaiseScope& operator=(const RaiseScope&) = delete;
+};
+
+class KeepErrno {
+public:
+    KeepErrno() : saved_(errno) {}
+    ~KeepErrno() { errno = saved_; }
+    KeepErrno(const KeepErrno&) = delete;
+    KeepErrno& operator=(const KeepErrno&) = delete;
+
+private:
+    int saved_;
+};
 
 void appendArgument(std::string& line, const MessageArgument& a) {
     char buf[64];
@@ -45,17 +76,11 @@ void appendArgument(std::string& line, const MessageArgument& a) {
     }
 }
 
-}  // namespace
-
-// Until the message catalog is in place a raised message is one line on
-// standard error: its code, where it was raised and its arguments.
-void raiseMessage(unsigned int number, const MessageSource& source,
-                  std::initializer_list<MessageArgument> arguments, RaiseMode /*mode*/) {
-    const int savedErrno = errno;
-    {
-        std::lock_guard<std::mutex> lock(countsMutex());
-        ++counts()[number];
-    }
+// The fallback when the factory cannot be used (nested too deeply, or raised
+// by the catalog's own load on this thread): one line on standard error with
+// the code, where it was raised and the arguments.
+void printRaised(unsigned int number, const MessageSource& source,
+                 std::initializer_list<MessageArgument> arguments) {
     char head[128];
     snprintf(head, sizeof head, "QMR-%05u: ", number % 100000);
     std::string line(head);
@@ -75,7 +100,64 @@ void raiseMessage(unsigned int number, const MessageSource& source,
     line += '\n';
     fwrite(line.data(), 1, line.size(), stderr);
     fflush(stderr);
-    errno = savedErrno;
+}
+
+CDataItem toItem(const MessageArgument& a) {
+    switch (a.kind) {
+    case MessageArgument::Int32:
+        return CDataItem(static_cast<int>(a.i64));
+    case MessageArgument::UInt32:
+        return CDataItem(static_cast<unsigned int>(a.u64));
+    case MessageArgument::Int64:
+        return CDataItem(static_cast<long long>(a.i64));
+    case MessageArgument::UInt64:
+        return CDataItem(static_cast<unsigned long long>(a.u64));
+    case MessageArgument::String:
+        return CDataItem(CDataItem::SafeStrdup(a.text), true);
+    case MessageArgument::Pointer:
+        break;
+    }
+    return CDataItem(a.ptr);
+}
+
+}  // namespace
+
+void raiseMessage(unsigned int number, const MessageSource& source,
+                  std::initializer_list<MessageArgument> arguments, RaiseMode mode) {
+    const KeepErrno keepErrno;
+    {
+        std::lock_guard<std::mutex> lock(countsMutex());
+        ++counts()[number];
+    }
+    if (raiseDepth >= kMaxRaiseDepth) {
+        printRaised(number, source, arguments);
+        return;
+    }
+    const RaiseScope scope;
+    CMessageFactory* factory = CMessageFactory::GetDefaultFactory();
+    if (!factory) {
+        printRaised(number, source, arguments);
+        return;
+    }
+    std::vector<CDataItem> items;
+    items.reserve(arguments.size());
+    for (const MessageArgument& a : arguments) items.push_back(toItem(a));
+    // The message context owns the source context and deletes it.
+    CMessage* message = factory->CreateMessageFromItems(
+        new CSourceContext(source.component, source.file, source.function, source.line), number, items.data(),
+        static_cast<unsigned int>(items.size()));
+    if (!message) {
+        printRaised(number, source, arguments);
+        return;
+    }
+    if (mode == RaiseMode::Store) {
+        CErrorContext& context = CErrorContext::GetContext();
+        context += message;
+        // A context that is issuing takes nothing.
+        if (!context.Exists(message)) delete message;
+    } else {
+        CMessageFactory::ProcessMessage(message, CMessageFactory::IssueMessage);
+    }
 }
 
 unsigned long long raisedMessageCount(unsigned int number) {

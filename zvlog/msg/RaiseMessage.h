@@ -45,7 +45,10 @@ public:
 // problems such as an over-long directory path).
 enum class RaiseMode { Issue, Store };
 
-// Raises message `number`. errno is preserved.
+// Raises catalogued message `number` through the default factory with the
+// arguments in order. A raise nested too deeply inside another (a failure
+// while making or issuing one) is printed to standard error instead. errno is
+// preserved.
 ZVLOG_API void raiseMessage(unsigned int number, const MessageSource& source,
                             std::initializer_list<MessageArgument> arguments = {},
                             RaiseMode mode = RaiseMode::Issue);

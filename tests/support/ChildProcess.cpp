@@ -1,0 +1,126 @@
+#include "support/ChildProcess.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <sstream>
+
+extern char** environ;
+
+namespace zvtest {
+
+namespace {
+
+const char* const kScenarioVariable = "ZVTEST_SCENARIO";
+
+std::string executablePath() {
+    char path[4096];
+    ssize_t n = readlink("/proc/self/exe", path, sizeof path - 1);
+    if (n < 0) return std::string();
+    path[n] = 0;
+    return path;
+}
+
+}  // namespace
+
+bool runRequestedScenario(const std::map<std::string, Scenario>& scenarios) {
+    const char* name = getenv(kScenarioVariable);
+    if (!name) return false;
+    auto it = scenarios.find(name);
+    if (it == scenarios.end()) {
+        fprintf(stderr, "unknown scenario %s\n", name);
+        fflush(stderr);
+        _exit(99);
+    }
+    it->second();
+    fflush(stdout);
+    fflush(stderr);
+    exit(0);
+}
+
+ChildResult runChild(const std::string& scenario, const std::vector<std::string>& environment) {
+    ChildResult result;
+    std::vector<std::string> entries;
+    for (char** e = environ; *e; ++e)
+        if (strncmp(*e, kScenarioVariable, strlen(kScenarioVariable)) != 0) entries.emplace_back(*e);
+    entries.push_back(std::string(kScenarioVariable) + "=" + scenario);
+    for (const std::string& e : environment) entries.push_back(e);
+    std::vector<char*> envp;
+    for (std::string& e : entries) envp.push_back(e.data());
+    envp.push_back(nullptr);
+
+    int out[2], err[2];
+    if (pipe2(out, O_CLOEXEC) != 0 || pipe2(err, O_CLOEXEC) != 0) return result;
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_adddup2(&actions, out[1], 1);
+    posix_spawn_file_actions_adddup2(&actions, err[1], 2);
+    std::string program = executablePath();
+    char* argv[] = {program.data(), nullptr};
+    pid_t pid = -1;
+    int rc = posix_spawn(&pid, program.c_str(), &actions, nullptr, argv, envp.data());
+    posix_spawn_file_actions_destroy(&actions);
+    close(out[1]);
+    close(err[1]);
+    if (rc != 0) {
+        close(out[0]);
+        close(err[0]);
+        return result;
+    }
+    // Both pipes at once, so that a child filling one never blocks.
+    pollfd fds[2] = {{out[0], POLLIN, 0}, {err[0], POLLIN, 0}};
+    std::string* sinks[2] = {&result.out, &result.err};
+    int open = 2;
+    while (open > 0) {
+        if (poll(fds, 2, -1) < 0) break;
+        for (int i = 0; i < 2; ++i) {
+            if (fds[i].fd < 0 || !(fds[i].revents & (POLLIN | POLLHUP | POLLERR))) continue;
+            char chunk[65536];
+            ssize_t n = read(fds[i].fd, chunk, sizeof chunk);
+            if (n > 0) {
+                sinks[i]->append(chunk, static_cast<size_t>(n));
+            } else {
+                close(fds[i].fd);
+                fds[i].fd = -1;
+                --open;
+            }
+        }
+    }
+    int status = 0;
+    waitpid(pid, &status, 0);
+    result.exited = WIFEXITED(status);
+    result.status = result.exited ? WEXITSTATUS(status) : WTERMSIG(status);
+    return result;
+}
+
+std::string programDirectory() {
+    std::string path = executablePath();
+    size_t slash = path.rfind('/');
+    return slash == std::string::npos ? std::string(".") : path.substr(0, slash);
+}
+
+std::string temporaryPath(const char* stem) {
+    static std::atomic<int> counter{0};
+    const char* dir = getenv("TMPDIR");
+    std::string path = std::string(dir && *dir ? dir : "/tmp") + "/" + stem + "-" + std::to_string(getpid()) + "-" +
+                       std::to_string(counter++);
+    unlink(path.c_str());
+    return path;
+}
+
+std::string readFile(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::ostringstream text;
+    text << in.rdbuf();
+    return text.str();
+}
+
+}  // namespace zvtest
