@@ -5,6 +5,10 @@
 #include <thread>
 
 #include "zvlog/AppContext.h"
+#include "zvlog/ErrorContext.h"
+#include "zvlog/LegacyErrors.h"
+#include "zvlog/SourceContext.h"
+#include "zvlog/zvMessage.h"
 #include "zvlog/zvlog.h"
 
 using namespace zvs::zvlib::zvlog;
@@ -35,6 +39,35 @@ void printItem(const char* label, ContextItemID id) {
     }
 }
 
+// Where a message is raised from; the message owns it.
+CSourceContext* here(unsigned int line) { return new CSourceContext("example", "examples/example", "main", line); }
+
+// One catalogued message of each severity that lets the process go on. Each
+// severity's actions come from the catalog: logging on "zvmsg.action", the
+// console line and the error log "zvserr.log", storing, throwing.
+void raiseCatalogedMessages() {
+    const auto issue = CMessageFactory::IssueMessage;
+    printf("Catalogued messages:\n");
+    fflush(stdout);
+    _MSG_String(here(__LINE__), 1001, "EXTA", issue);                        // ZVInfo
+    _MSG_String_String(here(__LINE__), 1002, "EXTA", "zvlog.xml", issue);    // ZVInfoNoReport
+    _MSG_String_UInt32(here(__LINE__), 1003, "EXTA", 42u, issue);            // ZVWarn
+    // The same message right again is counted, not issued: the repetition
+    // report follows (at the latest when the process ends).
+    _MSG_String_UInt32(here(__LINE__), 1003, "EXTA", 42u, issue);
+    _MSG_String_UInt32(here(__LINE__), 1004, "EXTA", 3u, issue);             // ZVWarnNoReport
+    _MSG_String_UInt64(here(__LINE__), 1005, "REPA", 4711ull, issue);        // ZVError
+    _MSG_String_String(here(__LINE__), 1006, "REPA", "table locked", issue); // ZVStore
+    const CErrorContext& errors = CErrorContext::GetContext();
+    printf("  stored for the caller: %zu message(s)\n", errors.GetServiceMessages().size());
+    try {
+        _MSG_String_String(here(__LINE__), 1007, "REPA", "ORDERS", issue);   // ZVException
+    } catch (const ZVException& e) {
+        printf("  caught %s: %s\n", e.GetCode(), e.what());
+    }
+    printf("\n");
+}
+
 }  // namespace
 
 int main() {
@@ -50,6 +83,8 @@ int main() {
     printf("\n");
 
     LoggerRepository* repo = Logger::getRepository();
+
+    raiseCatalogedMessages();
 
     // Everything reaches standard output through the root's appender.
     ConsoleAppender console(stdout);

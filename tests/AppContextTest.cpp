@@ -361,3 +361,30 @@ TEST(SourceContext, HeapAllocationLeavesErrnoAlone) {
     EXPECT_EQ(itemNumber(*source, SourceLine), 7u);
     delete source;
 }
+
+namespace {
+
+std::string termText(uint32_t id) {
+    CContextItem* item = getAppContext()->GetItem(static_cast<ContextItemID>(id));
+    if (!item || item->GetType() != CDataItem::TypeString) return "<absent>";
+    return static_cast<const char*>(*item);
+}
+
+TEST(AppContextTerms, AddTermsStoresTheCatalogsTermsForThisBuild) {
+    for (uint32_t id : CAppContext::kTermItems) EXPECT_EQ(CContext::GetContextItemName(static_cast<ContextItemID>(id)), nullptr);
+    ASSERT_TRUE(getAppContext()->AddTerms());
+    const char* expected[8] = {"ZV Replicator", "replication", "database", "table",
+                               "column",        "schema",      "catalog",  "trail"};
+    for (int i = 0; i < 8; ++i) EXPECT_EQ(termText(CAppContext::kTermItems[i]), expected[i]) << i;
+    // The SQL Server and own-database wordings replace the third and last terms.
+    getAppContext()->SetItem(BuildDBMS, "MSSQL");
+    getAppContext()->AddTerms();
+    EXPECT_EQ(termText(CAppContext::kTermItems[2]), "SQL Server database");
+    EXPECT_EQ(termText(CAppContext::kTermItems[7]), "trail");
+    getAppContext()->SetItem(BuildDBMS, "ZVDB");
+    getAppContext()->AddTerms();
+    EXPECT_EQ(termText(CAppContext::kTermItems[2]), "database");
+    EXPECT_EQ(termText(CAppContext::kTermItems[7]), "ZV database");
+}
+
+}  // namespace

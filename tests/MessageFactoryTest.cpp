@@ -201,8 +201,10 @@ TEST(MessageFactorySearch, WithoutTheApplicationsFileTheDirectoriesJoinIcusDataP
     ASSERT_TRUE(child.exitedCleanly()) << child.err;
     EXPECT_EQ(line(child.out, "marker"), "exe") << "ICU searches its path in order";
 
-    // The old path, then the library, executable and working directories,
-    // joined by the platform's path separator.
+    // The old path (ICU_DATA, then the library's own converters beside
+    // libzvlog.so, added when the library loaded), then the library,
+    // executable and working directories, joined by the platform's path
+    // separator.
     std::stringstream dirs(line(child.out, "dirs"));
     std::string lib, exe, cwd;
     std::getline(dirs, lib, '|');
@@ -211,7 +213,9 @@ TEST(MessageFactorySearch, WithoutTheApplicationsFileTheDirectoriesJoinIcusDataP
     EXPECT_EQ(withoutTrailingSlash(lib), installation.dir("home").string());
     EXPECT_EQ(withoutTrailingSlash(exe), installation.dir("bin").string());
     EXPECT_EQ(withoutTrailingSlash(cwd), installation.dir("cwd").string());
-    const std::string expected = std::string(kIcuDataPath) + ":" + lib + ":" + exe + ":" + cwd;
+    const fs::path converters = fs::canonical("/proc/self/exe").parent_path().parent_path() / "icu";
+    const std::string expected =
+        std::string(kIcuDataPath) + ":" + converters.string() + ":" + lib + ":" + exe + ":" + cwd;
     EXPECT_EQ(line(child.out, "datapath").substr(0, expected.size()), expected);
 }
 

@@ -27,6 +27,15 @@ public:
     // true.
     bool SetItem(ContextItemID id, const char* text);
 
+    // Adds the catalog's terms for the running product as eight string items
+    // (unnamed identifiers, see kTermItems): product, replication, database
+    // (or the SQL Server wording), table, column, schema, catalog, and trail
+    // (or the wording of the maker's own database). Always true.
+    bool AddTerms();
+
+    static constexpr uint32_t kTermItems[8] = {173406691, 141056738, 259380384, 267067602,
+                                               257310238, 178786956, 119500682, 180306395};
+
 private:
     CContextItem* instance_;
     CContextItem* instanceDescription_;

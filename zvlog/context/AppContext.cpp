@@ -1,5 +1,10 @@
 #include "zvlog/AppContext.h"
 
+#include <string>
+
+#include "zvlog/zvMessage.h"
+#include "zvlog/context/ProgramTables.h"
+
 #include <ctime>
 
 namespace {
@@ -56,4 +61,27 @@ bool CAppContext::SetItem(ContextItemID id, const char* text) {
 CAppContext* getAppContext() {
     static CAppContext* const context = new CAppContext();
     return context;
+}
+
+// The terms come from the catalog, so that every program of the suite names
+// the product and its objects alike.
+bool CAppContext::AddTerms() {
+    const char* dbms = "";
+    if (CContextItem* item = GetItem(BuildDBMS)) {
+        zvs::zvlib::MultiThreading::MutexLock lock(item->GetLock());
+        if (item->GetType() == CDataItem::TypeString && static_cast<const char*>(*item))
+            dbms = static_cast<const char*>(*item);
+    }
+    const std::string buildDbms = dbms;
+    const int numbers[8] = {
+        10000027, 10000028, buildDbms == "MSSQL" ? 10000036 : 10000029, 10000030, 10000031, 10000032, 10000033,
+        buildDbms == zvs::zvlib::zvlog::detail::kOwnDatabaseKey ? 10000037 : 10000034,
+    };
+    for (int i = 0; i < 8; ++i) {
+        // The message made for the text owns its source context.
+        auto* source = new CSourceContext("zvlog.context", "zvlog/msgContext", "CAppContext::AddTerms", __LINE__);
+        const char* text = _TSTR_ContextItem(source, numbers[i]);
+        SetItem(static_cast<ContextItemID>(kTermItems[i]), text ? text : "");
+    }
+    return true;
 }

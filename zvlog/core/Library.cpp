@@ -7,6 +7,7 @@
 #include "zvlog/buffer/Block.h"
 #include "zvlog/core/RawDelivery.h"
 #include "zvlog/zvlog.h"
+#include "zvunicode/IcuConverterPath.h"
 
 using zvs::zvlib::MultiThreading::Mutex;
 using zvs::zvlib::MultiThreading::MutexLock;
@@ -65,6 +66,9 @@ void LibraryState::phase2() {
     repo->updateEffectiveLevels();
     binary::setRawDeliveryHook(&deliverRawBlock);
     LoggingTime::initialize();
+    // ICU's data path changes here, at load, before any thread of the
+    // program can be reading it.
+    zvUseLibraryIcuConverters();
     threadTraceLogger = repo->getLogger("zvstd.multithreading");
     MultiThreading::setTraceHook(&traceThreadLayer);
     phase2Done.store(true, std::memory_order_release);
