@@ -2,6 +2,7 @@
 #pragma once
 
 #include "zvlog/Appender.h"
+#include "zvlog/FileAppender.h"
 #include "zvlog/Filter.h"
 #include "zvlog/Layout.h"
 #include "zvlog/Level.h"
@@ -9,6 +10,7 @@
 #include "zvlog/Logger.h"
 #include "zvlog/LoggingEvent.h"
 #include "zvlog/LoggingTime.h"
+#include "zvlog/ReportAppender.h"
 #include "zvlog/WriterAppender.h"
 
 // The six standard loggers and their effective-level bytes, which stay 255

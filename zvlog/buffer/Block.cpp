@@ -125,6 +125,21 @@ void forEachRecentBlock(const std::function<void(const unsigned char* stream, ui
     }
 }
 
+void forEachPooledBlock(const std::function<void(const unsigned char* stream, uint32_t length)>& visit) {
+    BlockStore& s = store();
+    std::lock_guard<std::mutex> lock(s.poolMutex);
+    for (unsigned i = 0; i < s.pooled; ++i) {
+        unsigned char* block = s.pool[i];
+        const BlockHead* head = headOf(block);
+        // A block that never closed a stream, or whose only event moved on
+        // to another block, has nothing to read.
+        if (head->eventCount == 0 || head->dataLength <= kStreamHeaderSize || head->dataLength > kStreamCapacity ||
+            streamOf(block)[0] != kMagic)
+            continue;
+        visit(streamOf(block), head->dataLength);
+    }
+}
+
 unsigned long long blocksAllocated() { return gAllocated.load(std::memory_order_relaxed); }
 
 unsigned long long blocksPooled() {

@@ -46,6 +46,11 @@ ZVLOG_API unsigned long long totalBytes();
 // Visits the streams of the recent closed blocks, oldest first.
 ZVLOG_API void forEachRecentBlock(const std::function<void(const unsigned char* stream, uint32_t length)>& visit);
 
+// Visits the blocks of the free pool that still hold a closed stream with
+// events (blocks recycled after leaving the recent list), holding the pool
+// so that none is reused meanwhile.
+ZVLOG_API void forEachPooledBlock(const std::function<void(const unsigned char* stream, uint32_t length)>& visit);
+
 // Statistics for tests: blocks ever allocated, blocks in the pool now.
 ZVLOG_API unsigned long long blocksAllocated();
 ZVLOG_API unsigned long long blocksPooled();

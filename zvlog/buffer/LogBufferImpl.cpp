@@ -220,6 +220,8 @@ LogBufferImpl::~LogBufferImpl() {
 
 unsigned int LogBufferImpl::remaining() const { return base_ ? kBlockSize - kEndReserve - position_ : 0; }
 
+bool LogBufferImpl::eventPending() const { return state_->expected != 0; }
+
 void LogBufferImpl::flush() {
     if (base_ && headOf(base_)->eventCount > 0) closeBlock();
 }

@@ -28,6 +28,17 @@ public:
     // Room left for stream bytes in the current block (0 without a block).
     unsigned int remaining() const;
 
+    // Writes the buffered blocks to the dump file DirProcessLog/zvlog-%I.dmp,
+    // or DirProcessLog/zvlog-%I-%P.dmp when the first cannot be opened or
+    // another process is writing its dump there at that moment. Buffered
+    // means: the closed blocks still in the free pool, then the recent closed
+    // blocks oldest first, then the complete events of the calling thread's
+    // current block (read in place, the block stays open). Other threads'
+    // current blocks are being written and are left out. Does nothing unless
+    // the library is started. True when a dump was written; a failure is
+    // printed to standard error.
+    static bool saveAllToFile();
+
 private:
     struct State;
     void startBlock();
@@ -37,6 +48,8 @@ private:
     void continueInNewBlock();
     unsigned int addArgumentSlow(unsigned char type, const void* data, unsigned int length);
     size_t freshBlockHeadSize() const;
+    // An event has begun whose arguments are still to come.
+    bool eventPending() const;
 
     State* state_;
 };
