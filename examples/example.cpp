@@ -7,6 +7,7 @@
 #include "zvlog/AppContext.h"
 #include "zvlog/ErrorContext.h"
 #include "zvlog/LegacyErrors.h"
+#include "zvlog/LogBuffer.h"
 #include "zvlog/SourceContext.h"
 #include "zvlog/zvMessage.h"
 #include "zvlog/zvlog.h"
@@ -139,6 +140,24 @@ int main() {
     zvlog_std_utility->addAppender(console);
     zvlog_std_utility->setAdditivity(false);
     ZVLOG_STD(utility, LEVEL_INFO, "standard utility logger enabled");
+
+    // A size-rolling log file: a bare name lands in the process's log
+    // directory, and several processes of the suite may share it.
+    RollingFileAppender rolling("file");
+    rolling.setFile("zvlog_example.log");
+    rolling.setMaxFileSize("64KB");
+    rolling.setMaxBackupIndex(9);
+    rolling.setLayout(new PatternLayout("%d %-5p %c [%t] - %m%n"));
+    Logger* records = repo->getLogger("capture.records");
+    records->setLevel(LEVEL_INFO);
+    records->setAdditivity(false);
+    records->addAppender(rolling);
+    for (int i = 1; i <= 2000; ++i) ZVLOG_INFO(records, "record %d of %d from table %s", i, 2000, "ORDERS");
+    rolling.close();
+    printf("\nWrote 2000 records to %s and its backups\n", rolling.getFile().c_str());
+
+    // What the thread's event buffer holds, in the binary form, for a reader.
+    if (LogBuffer::saveAllToFile()) printf("Saved the event buffer to the log directory's zvlog-*.dmp\n");
 
     std::string report;
     repo->getSummaryReport(report);

@@ -14,6 +14,11 @@ public:
     // Appends one typed argument; returns the position of its data in the block.
     virtual unsigned int addArgument(unsigned char type, const void* data, unsigned int length) = 0;
 
+    // Writes the buffered event blocks to the dump file "zvlog-<instance>.dmp"
+    // in the process's log directory, readable by the binary reader; false
+    // when nothing was written (the reason is printed to standard error).
+    static bool saveAllToFile();
+
     // The current write record: the block, where the current event began and
     // where the buffer stands now. Every offset, and every position that
     // addArgument returns, counts from blockBase() (the block's first byte,

@@ -1,4 +1,5 @@
 #include "zvlog/LogBuffer.h"
+#include "zvlog/buffer/LogBufferImpl.h"
 
 #include "zvlog/LoggingEvent.h"
 #include "zvlog/buffer/BinaryFormat.h"
@@ -14,5 +15,7 @@ void LoggingEvent::setBufferLocation(const LogBuffer* buffer) {
 }
 
 unsigned int LoggingEvent::getMaxEventDetailSize() { return binary::kMaxArgumentData; }
+
+bool LogBuffer::saveAllToFile() { return LogBufferImpl::saveAllToFile(); }
 
 }  // namespace zvs::zvlib::zvlog
