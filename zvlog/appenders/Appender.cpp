@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "zvlog/Logger.h"
+#include "zvlog/appenders/EventQueue.h"
 #include "zvlog/buffer/Block.h"
 #include "zvlog/buffer/LogBufferImpl.h"
 #include "zvlog/core/Library.h"
@@ -46,17 +47,34 @@ struct Appender::AsyncQueue {
     const unsigned char* lastBlock = nullptr;
     Event stop{Event::ManualReset};
     Event wake{Event::AutoReset};
-    std::vector<LoggingEvent> incoming;
-    std::vector<LoggingEvent> working;
+    EventQueue incoming;  // also keeps the spare chunks, under the lock
+    EventQueue working;   // the delivery thread's alone
     Thread* thread = nullptr;
 };
 
+namespace {
+
+// Releases one block reference per run of events from the same block, after
+// the run's last event has been handled.
+template <class Handle>
+void forEachReleasingRuns(const EventQueue& queue, Handle&& handle) {
+    const unsigned char* run = nullptr;
+    queue.forEach([&](const LoggingEvent& e) {
+        if (e.bufferBase != run) {
+            if (run) binary::releaseBlock(run);
+            run = e.bufferBase;
+        }
+        handle(e);
+    });
+    if (run) binary::releaseBlock(run);
+}
+
+}  // namespace
+
 // Drops the references of events left in the incoming queue, one per run.
 void Appender::releaseQueued(AsyncQueue* q) {
-    const std::vector<LoggingEvent>& in = q->incoming;
-    for (size_t i = 0; i < in.size(); ++i)
-        if (i + 1 == in.size() || in[i + 1].bufferBase != in[i].bufferBase) binary::releaseBlock(in[i].bufferBase);
-    q->incoming.clear();
+    forEachReleasingRuns(q->incoming, [](const LoggingEvent&) {});
+    q->incoming.clearInto(q->incoming);
     q->lastBlock = nullptr;
 }
 
@@ -178,7 +196,7 @@ void Appender::deliver(const LoggingEvent* event) {
                 binary::retainBlock(event->bufferBase);
                 q->lastBlock = event->bufferBase;
             }
-            q->incoming.push_back(*event);
+            q->incoming.push(*event);
         }
         q->wake.set();
         return;
@@ -212,19 +230,18 @@ unsigned int Appender::deliveryThread(void* self) {
         bool stopping;
         {
             MutexLock lock(q->lock);
-            q->incoming.swap(q->working);
+            q->incoming.moveTo(q->working);
             q->lastBlock = nullptr;
             stopping = q->stop.isSet();
         }
         const size_t n = q->working.size();
         if (n > appender->async_.highWater) appender->async_.highWater = n;
-        for (size_t i = 0; i < n; ++i) {
-            const LoggingEvent& e = q->working[i];
-            appender->append(&e);
-            if (i + 1 == n || q->working[i + 1].bufferBase != e.bufferBase) binary::releaseBlock(e.bufferBase);
-        }
+        forEachReleasingRuns(q->working, [appender](const LoggingEvent& e) { appender->append(&e); });
         appender->countIssued(n);
-        q->working.clear();
+        if (n) {
+            MutexLock lock(q->lock);  // the chunks go back for the producers
+            q->working.clearInto(q->incoming);
+        }
         if (stopping) break;
     }
     if (record) --record->depth;
