@@ -5,6 +5,7 @@
 #include <atomic>
 #include <cstdint>
 #include <string>
+#include <type_traits>
 
 #include "zvlog/Export.h"
 #include "zvlog/LoggingTime.h"
@@ -72,12 +73,9 @@ class ZVLOG_API LoggingEvent {
 public:
     static constexpr unsigned int kMaxArguments = 16;
 
+    // Trivially copyable: queued copies and their queue's growth are plain
+    // memory moves.
     LoggingEvent() = default;
-    LoggingEvent(const LoggingEvent& other) { copyFrom(other); }
-    LoggingEvent& operator=(const LoggingEvent& other) {
-        if (this != &other) copyFrom(other);
-        return *this;
-    }
 
     // Copies the place of the current event from the buffer's write record.
     void setBufferLocation(const LogBuffer* buffer);
@@ -93,20 +91,9 @@ public:
     const unsigned char* bufferBase = nullptr;  // the block holding the event
     unsigned int bufferOffset = 0;              // of the event's bytes in the block
     unsigned int bufferLength = 0;
-
-private:
-    void copyFrom(const LoggingEvent& other) {
-        argumentCount = other.argumentCount;
-        for (unsigned i = 0; i < argumentCount; ++i) {
-            argumentTypes[i] = other.argumentTypes[i];
-            argumentValues[i] = other.argumentValues[i];
-        }
-        attributes = other.attributes;
-        bufferBase = other.bufferBase;
-        bufferOffset = other.bufferOffset;
-        bufferLength = other.bufferLength;
-    }
 };
+
+static_assert(std::is_trivially_copyable_v<LoggingEvent>);
 
 // Appends the event's rendered message (its format applied to its arguments).
 ZVLOG_API void renderMessage(const LoggingEvent* event, std::string& out);

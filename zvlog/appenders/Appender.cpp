@@ -6,7 +6,6 @@
 #include <vector>
 
 #include "zvlog/Logger.h"
-#include "zvlog/appenders/EventQueue.h"
 #include "zvlog/buffer/Block.h"
 #include "zvlog/buffer/LogBufferImpl.h"
 #include "zvlog/core/Library.h"
@@ -47,34 +46,17 @@ struct Appender::AsyncQueue {
     const unsigned char* lastBlock = nullptr;
     Event stop{Event::ManualReset};
     Event wake{Event::AutoReset};
-    EventQueue incoming;  // also keeps the spare chunks, under the lock
-    EventQueue working;   // the delivery thread's alone
+    std::vector<LoggingEvent> incoming;
+    std::vector<LoggingEvent> working;
     Thread* thread = nullptr;
 };
 
-namespace {
-
-// Releases one block reference per run of events from the same block, after
-// the run's last event has been handled.
-template <class Handle>
-void forEachReleasingRuns(const EventQueue& queue, Handle&& handle) {
-    const unsigned char* run = nullptr;
-    queue.forEach([&](const LoggingEvent& e) {
-        if (e.bufferBase != run) {
-            if (run) binary::releaseBlock(run);
-            run = e.bufferBase;
-        }
-        handle(e);
-    });
-    if (run) binary::releaseBlock(run);
-}
-
-}  // namespace
-
 // Drops the references of events left in the incoming queue, one per run.
 void Appender::releaseQueued(AsyncQueue* q) {
-    forEachReleasingRuns(q->incoming, [](const LoggingEvent&) {});
-    q->incoming.clearInto(q->incoming);
+    const std::vector<LoggingEvent>& in = q->incoming;
+    for (size_t i = 0; i < in.size(); ++i)
+        if (i + 1 == in.size() || in[i + 1].bufferBase != in[i].bufferBase) binary::releaseBlock(in[i].bufferBase);
+    q->incoming.clear();
     q->lastBlock = nullptr;
 }
 
@@ -196,7 +178,7 @@ void Appender::deliver(const LoggingEvent* event) {
                 binary::retainBlock(event->bufferBase);
                 q->lastBlock = event->bufferBase;
             }
-            q->incoming.push(*event);
+            q->incoming.push_back(*event);
         }
         q->wake.set();
         return;
@@ -230,18 +212,19 @@ unsigned int Appender::deliveryThread(void* self) {
         bool stopping;
         {
             MutexLock lock(q->lock);
-            q->incoming.moveTo(q->working);
+            q->incoming.swap(q->working);
             q->lastBlock = nullptr;
             stopping = q->stop.isSet();
         }
         const size_t n = q->working.size();
         if (n > appender->async_.highWater) appender->async_.highWater = n;
-        forEachReleasingRuns(q->working, [appender](const LoggingEvent& e) { appender->append(&e); });
-        appender->countIssued(n);
-        if (n) {
-            MutexLock lock(q->lock);  // the chunks go back for the producers
-            q->working.clearInto(q->incoming);
+        for (size_t i = 0; i < n; ++i) {
+            const LoggingEvent& e = q->working[i];
+            appender->append(&e);
+            if (i + 1 == n || q->working[i + 1].bufferBase != e.bufferBase) binary::releaseBlock(e.bufferBase);
         }
+        appender->countIssued(n);
+        q->working.clear();
         if (stopping) break;
     }
     if (record) --record->depth;
