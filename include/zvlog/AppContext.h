@@ -3,6 +3,8 @@
 // children.
 #pragma once
 
+#include <string>
+
 #include "zvlog/BuildContext.h"
 #include "zvlog/CContext.h"
 #include "zvlog/Export.h"
@@ -44,3 +46,7 @@ private:
 // The process's application context, made on the first call and never
 // destroyed (messages may still print it while the process ends).
 ZVLOG_API CAppContext* getAppContext();
+
+// An item of the application context (or its children) as text: a string as
+// it stands, a number in decimal, "" for other types or an absent item.
+ZVLOG_API std::string getAppContextText(ContextItemID id);

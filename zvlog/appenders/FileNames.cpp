@@ -12,25 +12,6 @@ bool isSeparator(char c) { return c == '/' || c == '\\'; }
 
 }  // namespace
 
-std::string contextItemText(unsigned int id) {
-    const CContextItem* item = getAppContext()->GetItem(static_cast<ContextItemID>(id));
-    if (!item) return std::string();
-    MultiThreading::MutexLock lock(item->GetLock());
-    switch (item->GetType()) {
-    case CDataItem::TypeString: {
-        const char* text = *item;
-        return text ? text : "";
-    }
-    case CDataItem::TypeInt:
-    case CDataItem::TypeInt64:
-        return std::to_string(static_cast<long long>(*item));
-    case CDataItem::TypeUInt:
-    case CDataItem::TypeUInt64:
-        return std::to_string(static_cast<unsigned long long>(*item));
-    default:
-        return std::string();
-    }
-}
 
 std::string replaceFileNameTokens(const char* name, bool second) {
     std::string out;
@@ -40,22 +21,22 @@ std::string replaceFileNameTokens(const char* name, bool second) {
         if (p[0] == '%' && p[1] != '\0') {
             switch (p[1]) {
             case 'P':
-                out += contextItemText(ProcessID);
+                out += getAppContextText(ProcessID);
                 ++p;
                 continue;
             case 'A':
-                out += contextItemText(ProcessExecutableBase);
+                out += getAppContextText(ProcessExecutableBase);
                 ++p;
                 continue;
             case 'D':
-                out += contextItemText(DirProcessLog);
+                out += getAppContextText(DirProcessLog);
                 ++p;
                 continue;
             case 'I':
                 if (!second) break;
                 {
-                    std::string instance = contextItemText(AppInstance);
-                    out += instance.empty() ? contextItemText(ProcessExecutableBase) : instance;
+                    std::string instance = getAppContextText(AppInstance);
+                    out += instance.empty() ? getAppContextText(ProcessExecutableBase) : instance;
                 }
                 ++p;
                 continue;

@@ -25,8 +25,4 @@ ZVLOG_API std::string replaceFileNameTokens(const char* name, bool second);
 // alone when the directory is empty.
 ZVLOG_API std::string joinPath(const std::string& directory, const char* name);
 
-// A context item of the application context as text: a string item's text,
-// a number's decimal digits; "" when the item is missing or holds neither.
-ZVLOG_API std::string contextItemText(unsigned int id);
-
 }  // namespace zvs::zvlib::zvlog

@@ -82,7 +82,7 @@ std::string openReportFile(const char* name) {
     if (hasSeparator(name)) {
         path = replaceFileNameTokens(name, true);
     } else {
-        const std::string directory = contextItemText(DirProcessReport);
+        const std::string directory = getAppContextText(DirProcessReport);
         if (!makeDirectories(directory)) return std::string();
         path = joinPath(directory, replaceFileNameTokens(name, true).c_str());
     }

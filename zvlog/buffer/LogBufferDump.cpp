@@ -30,7 +30,7 @@ void reportFailure(const std::string& path, int error) {
 // user's file, say) or another process holds its lock while it dumps; a
 // failure is reported once, for the name that ended the attempt.
 int openDumpFile(std::string& path, int& fd) {
-    const std::string directory = contextItemText(DirProcessLog);
+    const std::string directory = getAppContextText(DirProcessLog);
     path = joinPath(directory, replaceFileNameTokens("zvlog-%I.dmp", true).c_str());
     int error = zvOpenFileForWriting(path, fd);
     if (error == 0) {

@@ -85,3 +85,25 @@ bool CAppContext::AddTerms() {
     }
     return true;
 }
+
+// An item of the application context as text: a string as it stands, a
+// number in decimal, "" for anything else or an absent item.
+std::string getAppContextText(ContextItemID id) {
+    const CContextItem* item = getAppContext()->GetItem(id);
+    if (!item) return std::string();
+    zvs::zvlib::MultiThreading::MutexLock lock(item->GetLock());
+    switch (item->GetType()) {
+    case CDataItem::TypeString: {
+        const char* text = *item;
+        return text ? text : "";
+    }
+    case CDataItem::TypeInt:
+    case CDataItem::TypeInt64:
+        return std::to_string(static_cast<long long>(*item));
+    case CDataItem::TypeUInt:
+    case CDataItem::TypeUInt64:
+        return std::to_string(static_cast<unsigned long long>(*item));
+    default:
+        return std::string();
+    }
+}

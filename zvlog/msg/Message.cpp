@@ -174,15 +174,6 @@ bool sameArgument(const CDataItem& a, const CDataItem& b) {
     }
 }
 
-// The text of a string item of the application context ("" otherwise).
-std::string appContextText(ContextItemID id) {
-    CContextItem* item = getAppContext()->GetItem(id);
-    if (!item) return std::string();
-    MutexLock lock(item->GetLock());
-    if (item->GetType() != CDataItem::TypeString || !item->GetValue().str) return std::string();
-    return item->GetValue().str;
-}
-
 // What every plain-function action of one Issue call is told; each call gets
 // a record of its own, built from these.
 struct IssueFacts {
@@ -357,8 +348,8 @@ bool CMessage::IssueActions(CActionAttribute mask) const {
             facts = std::make_unique<IssueFacts>();
             const char* text = Format(kDefaultCharSet);
             facts->text = text ? text : kFormattingError;
-            facts->appInstance = appContextText(AppInstance);
-            facts->appInstanceDescription = appContextText(AppInstanceDescription);
+            facts->appInstance = getAppContextText(AppInstance);
+            facts->appInstanceDescription = getAppContextText(AppInstanceDescription);
             if (CContextItem* time = context_->GetItem(MessageTime)) {
                 MutexLock lock(time->GetLock());
                 facts->time = static_cast<timespec>(*time);

@@ -97,15 +97,6 @@ bool toDefaultCodePage(const icu::UnicodeString& text, std::string& out) {
     return converter.isValid() && converter.fromUnicode(text, out);
 }
 
-// The text of a string item of the application context ("" otherwise).
-std::string appContextText(ContextItemID id) {
-    CContextItem* item = getAppContext()->GetItem(id);
-    if (!item) return std::string();
-    MutexLock lock(item->GetLock());
-    if (item->GetType() != CDataItem::TypeString || !item->GetValue().str) return std::string();
-    return item->GetValue().str;
-}
-
 bool readWhole(const std::string& path, std::vector<char>& bytes) {
     FILE* file = fopen(path.c_str(), "rb");
     if (!file) return false;
@@ -370,9 +361,9 @@ bool openBundle(CMessageFactory::Impl& impl, const char* packagePath, Diagnostic
 // library, executable and working directories, registered as the package's
 // data; else those directories on ICU's data path.
 bool openDefaultCatalog(CMessageFactory::Impl& impl, Diagnostics& diagnostics) {
-    const std::string directories[3] = {appContextText(DirProcessLib), appContextText(ProcessExecutableDir),
-                                        appContextText(ProcessWorkingDir)};
-    const std::string stem = appContextText(BuildApplication);
+    const std::string directories[3] = {getAppContextText(DirProcessLib), getAppContextText(ProcessExecutableDir),
+                                        getAppContextText(ProcessWorkingDir)};
+    const std::string stem = getAppContextText(BuildApplication);
     bool registered = false;
     for (const std::string& directory : directories) {
         // A program that does not name itself has no catalog file of its own.
