@@ -7,6 +7,7 @@
 #include "zvlog/Layout.h"
 #include "zvlog/Level.h"
 #include "zvlog/Log.h"
+#include "zvlog/LogBuffer.h"
 #include "zvlog/Logger.h"
 #include "zvlog/LoggingEvent.h"
 #include "zvlog/LoggingTime.h"
