@@ -128,9 +128,16 @@ const char* CSConverterICU::name() const {
 
 int CSConverterICU::maxCharSize() const { return converter_ ? ucnv_getMaxCharSize(converter_) : 0; }
 
-bool CSConverterICU::fromUnicode(const UChar* src, int32_t length, std::string& out, UErrorCode& status) {
+namespace {
+
+// Converts src into out in one direction, growing out until the text fits.
+// `convert` is ucnv_fromUnicode or ucnv_toUnicode bound to the converter.
+template <class Source, class Output, class Convert>
+bool convertGrowing(UConverter* converter, const Source* src, int32_t length, Output& out, size_t initialSize,
+                    UErrorCode& status, Convert&& convert) {
+    using Unit = typename Output::value_type;
     out.clear();
-    if (!converter_) {
+    if (!converter) {
         status = U_INVALID_STATE_ERROR;
         return false;
     }
@@ -138,15 +145,14 @@ bool CSConverterICU::fromUnicode(const UChar* src, int32_t length, std::string& 
         status = U_ILLEGAL_ARGUMENT_ERROR;
         return false;
     }
-    ucnv_resetFromUnicode(converter_);
-    const UChar* source = src;
-    const UChar* sourceLimit = src + length;
-    out.resize(initialBytes(length, ucnv_getMaxCharSize(converter_)));
+    const Source* source = src;
+    const Source* sourceLimit = src + length;
+    out.resize(initialSize);
     size_t used = 0;
     for (;;) {
-        char* target = out.data() + used;
+        Unit* target = out.data() + used;
         status = U_ZERO_ERROR;
-        ucnv_fromUnicode(converter_, &target, out.data() + out.size(), &source, sourceLimit, nullptr, true, &status);
+        convert(&target, out.data() + out.size(), &source, sourceLimit, &status);
         used = static_cast<size_t>(target - out.data());
         if (status != U_BUFFER_OVERFLOW_ERROR) break;
         out.resize(out.size() * 2);
@@ -155,32 +161,25 @@ bool CSConverterICU::fromUnicode(const UChar* src, int32_t length, std::string& 
     return U_SUCCESS(status);
 }
 
+}  // namespace
+
+bool CSConverterICU::fromUnicode(const UChar* src, int32_t length, std::string& out, UErrorCode& status) {
+    if (converter_) ucnv_resetFromUnicode(converter_);
+    const size_t initial = converter_ && length >= 0 ? initialBytes(length, ucnv_getMaxCharSize(converter_)) : 16;
+    return convertGrowing(converter_, src, length, out, initial, status,
+                          [this](char** t, const char* tl, const UChar** s, const UChar* sl, UErrorCode* st) {
+                              ucnv_fromUnicode(converter_, t, tl, s, sl, nullptr, true, st);
+                          });
+}
+
 bool CSConverterICU::toUnicode(const char* src, int32_t length, std::u16string& out, UErrorCode& status) {
-    out.clear();
-    if (!converter_) {
-        status = U_INVALID_STATE_ERROR;
-        return false;
-    }
-    if (length < 0 || (src == nullptr && length > 0)) {
-        status = U_ILLEGAL_ARGUMENT_ERROR;
-        return false;
-    }
-    ucnv_resetToUnicode(converter_);
-    const char* source = src;
-    const char* sourceLimit = src + length;
+    if (converter_) ucnv_resetToUnicode(converter_);
     // One code unit per byte covers every table but escapes; grow for those.
-    out.resize(static_cast<size_t>(length) + 16);
-    size_t used = 0;
-    for (;;) {
-        UChar* target = out.data() + used;
-        status = U_ZERO_ERROR;
-        ucnv_toUnicode(converter_, &target, out.data() + out.size(), &source, sourceLimit, nullptr, true, &status);
-        used = static_cast<size_t>(target - out.data());
-        if (status != U_BUFFER_OVERFLOW_ERROR) break;
-        out.resize(out.size() * 2);
-    }
-    out.resize(used);
-    return U_SUCCESS(status);
+    const size_t initial = static_cast<size_t>(length > 0 ? length : 0) + 16;
+    return convertGrowing(converter_, src, length, out, initial, status,
+                          [this](char16_t** t, const char16_t* tl, const char** s, const char* sl, UErrorCode* st) {
+                              ucnv_toUnicode(converter_, t, tl, s, sl, nullptr, true, st);
+                          });
 }
 
 // --- CSConverterEscape ------------------------------------------------------
