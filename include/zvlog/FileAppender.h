@@ -52,6 +52,11 @@ public:
     void activateOptions() override;
     // Opens the file on first use; the bytes are one or more whole records.
     void write(const void* data, unsigned long long length) override;
+    // Lays the record out straight into the file's buffer, where write()
+    // would copy it there; appenders that decide per record where it goes
+    // (the rolling ones) take the path through write().
+    void append(const LoggingEvent* event) override;
+    using WriterAppender::append;
     // The file name, expanded again when it still holds a "%".
     virtual std::string getFile() const;
 
@@ -71,9 +76,25 @@ public:
     void flush();
 
 protected:
-    // Serialises the file state against close, the exit flush and the
-    // delivery thread; recursive, as a roll reopens from inside a write.
-    MultiThreading::Mutex& ioLock() { return ioLock_; }
+    // Holds the appender's mutex for work on the file unless this thread
+    // holds it already: direct delivery takes it before append(), and a roll
+    // reopens the file from inside a write. One mutex serialises records,
+    // close, flush, the exit flush and the delivery thread.
+    class FileHold {
+    public:
+        explicit FileHold(FileAppender& a) : m_(a.mutex()), took_(!m_.heldByCurrentThread()) {
+            if (took_) m_.lock();
+        }
+        ~FileHold() {
+            if (took_) m_.unlock();
+        }
+        FileHold(const FileHold&) = delete;
+        FileHold& operator=(const FileHold&) = delete;
+
+    private:
+        MultiThreading::Mutex& m_;
+        bool took_;
+    };
     // Adds whole records to the buffer, or writes them when unbuffered or
     // larger than the buffer.
     void put(const void* data, size_t length);
@@ -107,6 +128,8 @@ protected:
     // The next open must not truncate: the name was just moved away by a
     // roll, so whatever is there now belongs to another process.
     bool keepExisting_ = false;
+    // Records may be laid out in the buffer directly (see append()).
+    bool recordsInPlace_ = true;
 
 private:
     friend struct OpenFileRegistry;
@@ -125,7 +148,6 @@ private:
     std::string buffer_;
     std::string openName_;
     bool registered_ = false;
-    MultiThreading::Mutex ioLock_{MultiThreading::Mutex::Recursive};
 };
 
 // Rolls the file when it would grow beyond MaxFileSize, keeping

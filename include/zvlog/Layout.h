@@ -1,6 +1,7 @@
 // Layouts turn events into text for the writer appenders.
 #pragma once
 
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -8,6 +9,10 @@
 #include "zvlog/LoggingEvent.h"
 
 namespace zvs::zvlib::zvlog {
+
+namespace text {
+class Writer;
+}
 
 class ZVLOG_API Layout {
 public:
@@ -48,12 +53,14 @@ public:
     const std::vector<Element>& elements() const { return elements_; }
 
 private:
+    struct Caches;
     void parse();
-    void formatElement(const Element& e, const LoggingEvent* event, std::string& out);
+    void formatElement(size_t index, const LoggingEvent* event, text::Writer& w);
 
     std::vector<Element> elements_;
     std::string scratch_;
     std::string pattern_;
+    std::unique_ptr<Caches> caches_;
 };
 
 // Marks an appender as carrying the binary event encoding: it receives whole

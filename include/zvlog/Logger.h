@@ -42,7 +42,9 @@ public:
     void removeAllAppenders();
     std::vector<Appender*> getAllAppenders() const;
 
-    unsigned long long getEventsLogged() const { return eventsLogged_.load(std::memory_order_relaxed); }
+    unsigned long long getEventsLogged() const {
+        return eventsLogged_.load(std::memory_order_relaxed) + eventsLoggedLocked_.load(std::memory_order_relaxed);
+    }
     unsigned long long getEventsIssued() const { return eventsIssued_; }
 
     static LoggerRepository* getRepository();
@@ -90,6 +92,10 @@ private:
     // Written per event.
     alignas(64) MultiThreading::Mutex mutex_{MultiThreading::Mutex::NonRecursive};
     unsigned long long eventsIssued_ = 0;
+    // Events logged at this logger while its mutex was held for delivery:
+    // one writer at a time, so no locked instruction.
+    std::atomic<unsigned long long> eventsLoggedLocked_{0};
+    // The others (the logger had no appender of its own).
     alignas(64) std::atomic<unsigned long long> eventsLogged_{0};
 };
 

@@ -6,10 +6,12 @@
 
 namespace zvs::zvlib::zvlog {
 
-using MultiThreading::MutexLock;
 
 // Reopening after a restart continues the period's file.
-DailyRollingFileAppender::DailyRollingFileAppender(const char* name) : FileAppender(name) { append_ = true; }
+DailyRollingFileAppender::DailyRollingFileAppender(const char* name) : FileAppender(name) {
+    append_ = true;
+    recordsInPlace_ = false;
+}
 
 DailyRollingFileAppender::~DailyRollingFileAppender() { setAsynchronous(false); }
 
@@ -39,7 +41,7 @@ std::string DailyRollingFileAppender::getFile() const {
 // The name is worked out at most once per second; the file changes on the
 // first record after its text does.
 void DailyRollingFileAppender::write(const void* data, unsigned long long length) {
-    MutexLock lock(ioLock());
+    FileHold hold(*this);
     const uint32_t t = now();
     if (t != lastSecond_) {
         lastSecond_ = t;

@@ -42,17 +42,20 @@ struct OpenFileRegistry {
 
     // A thread that is in the middle of a write gets a moment to finish it;
     // one that never lets go (waiting for another process's lock) is skipped
-    // rather than hanging the exit.
+    // rather than hanging the exit. The exiting thread may itself be inside
+    // an append (exit() from a message action): its buffer is flushed as is.
     static void flushAll() {
         OpenFileRegistry& r = get();
         MutexLock lock(r.mutex);
         for (FileAppender* a : r.open) {
+            Mutex& m = a->mutex();
+            const bool held = m.heldByCurrentThread();
             bool locked = false;
-            for (int i = 0; i < 200 && !(locked = a->ioLock_.tryLock()); ++i)
+            for (int i = 0; !held && i < 200 && !(locked = m.tryLock()); ++i)
                 std::this_thread::sleep_for(std::chrono::milliseconds(1));
-            if (!locked) continue;
+            if (!held && !locked) continue;
             a->flushBuffer(a->followRenames_);
-            a->ioLock_.unlock();
+            if (locked) m.unlock();
         }
     }
 };
@@ -61,7 +64,7 @@ FileAppender::FileAppender(const char* name) : WriterAppender(name) {}
 
 FileAppender::~FileAppender() {
     setAsynchronous(false);
-    MutexLock lock(ioLock_);
+    FileHold hold(*this);
     // Like a stdio stream closed without the appender's close(): what is
     // buffered goes out, the footer does not.
     if (fd_ >= 0) zvCloseLogFile(detachFile(followRenames_));
@@ -110,7 +113,7 @@ int FileAppender::detachFile(bool follow) {
 }
 
 void FileAppender::activateOptions() {
-    MutexLock lock(ioLock_);
+    FileHold hold(*this);
     const std::string name = getFile();
     if (name.empty()) return;
     if (fd_ >= 0) zvCloseLogFile(detachFile(followRenames_));
@@ -130,7 +133,7 @@ void FileAppender::activateOptions() {
 
 void FileAppender::reset() {
     setAsynchronous(false);
-    MutexLock lock(ioLock_);
+    FileHold hold(*this);
     if (fd_ < 0) activateOptions();
     if (fd_ < 0) return;
     buffer_.clear();
@@ -140,7 +143,7 @@ void FileAppender::reset() {
 
 void FileAppender::close() {
     setAsynchronous(false);
-    MutexLock lock(ioLock_);
+    FileHold hold(*this);
     closeFile();
 }
 
@@ -151,15 +154,43 @@ void FileAppender::closeFile() {
 }
 
 void FileAppender::flush() {
-    MutexLock lock(ioLock_);
+    FileHold hold(*this);
     flushBuffer(followRenames_);
 }
 
 void FileAppender::write(const void* data, unsigned long long length) {
-    MutexLock lock(ioLock_);
+    FileHold hold(*this);
     if (fd_ < 0) activateOptions();
     if (fd_ < 0) return;
     put(data, static_cast<size_t>(length));
+}
+
+void FileAppender::append(const LoggingEvent* event) {
+    Layout* layout = getLayout();
+    if (!recordsInPlace_ || !layout) {
+        WriterAppender::append(event);
+        return;
+    }
+    FileHold hold(*this);
+    if (fd_ < 0) activateOptions();
+    if (fd_ < 0) return;
+    // As put() of the finished record: earlier records go out first when the
+    // new one does not fit behind them, and a record as large as the buffer
+    // is written by itself.
+    const size_t at = buffer_.size();
+    layout->format(event, buffer_);
+    const size_t n = buffer_.size() - at;
+    if (buffer_.size() > capacity_ || n >= capacity_) {
+        if (at != 0) {
+            writeOut(buffer_.data(), at, followRenames_);
+            buffer_.erase(0, at);
+        }
+        if (n >= capacity_) {
+            writeOut(buffer_.data(), n, followRenames_);
+            buffer_.clear();
+        }
+    }
+    if (immediateFlush_) flushBuffer(followRenames_);
 }
 
 // Header and footer go straight into the file's buffer: they never trigger

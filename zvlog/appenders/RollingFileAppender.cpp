@@ -11,7 +11,6 @@
 
 namespace zvs::zvlib::zvlog {
 
-using MultiThreading::MutexLock;
 
 namespace {
 
@@ -46,7 +45,10 @@ void raiseFailures(const std::vector<RollingFileAppender::RollFailure>& failures
 
 }  // namespace
 
-RollingFileAppender::RollingFileAppender(const char* name) : FileAppender(name) { followRenames_ = true; }
+RollingFileAppender::RollingFileAppender(const char* name) : FileAppender(name) {
+    followRenames_ = true;
+    recordsInPlace_ = false;
+}
 
 RollingFileAppender::~RollingFileAppender() { setAsynchronous(false); }
 
@@ -101,7 +103,7 @@ void RollingFileAppender::setMaxFileSize(const char* text) {
 }
 
 void RollingFileAppender::activateOptions() {
-    MutexLock lock(ioLock());
+    FileHold hold(*this);
     // A restart without Append keeps the previous file as backup 1.
     if (!isOpen() && !append_) rollOver();
     FileAppender::activateOptions();
@@ -110,7 +112,7 @@ void RollingFileAppender::activateOptions() {
 
 void RollingFileAppender::reset() {
     setAsynchronous(false);
-    MutexLock lock(ioLock());
+    FileHold hold(*this);
     const bool wasOpen = isOpen();
     rollOver();
     if (!wasOpen) FileAppender::activateOptions();
@@ -121,7 +123,7 @@ void RollingFileAppender::reset() {
 // footer: with a footer the record goes into the old file before the roll,
 // without one into the new file after it.
 void RollingFileAppender::write(const void* data, unsigned long long length) {
-    MutexLock lock(ioLock());
+    FileHold hold(*this);
     if (!isOpen()) activateOptions();
     if (!isOpen()) return;
     const unsigned long long n = length;
@@ -173,7 +175,7 @@ void RollingFileAppender::rollWithoutFile(std::vector<RollFailure>& failures) {
 }
 
 void RollingFileAppender::rollOver() {
-    MutexLock lock(ioLock());
+    FileHold hold(*this);
     if (rolling_ || fileName_.empty()) return;
     rolling_ = true;
     std::vector<RollFailure> failures;

@@ -123,6 +123,7 @@ std::vector<Appender*> Logger::getAllAppenders() const {
 // without appenders is passed without taking its lock.
 void Logger::doAppend(const LoggingEvent* event) {
     const unsigned char level = event->attributes.level;
+    bool counted = false;
     Logger* current = this;
     for (;;) {
         if (current->appenderCount_.load(std::memory_order_acquire) != 0) {
@@ -133,11 +134,16 @@ void Logger::doAppend(const LoggingEvent* event) {
                     a->deliver(event);
                 ++current->eventsIssued_;
             }
+            if (current == this) {
+                eventsLoggedLocked_.store(eventsLoggedLocked_.load(std::memory_order_relaxed) + 1,
+                                          std::memory_order_relaxed);
+                counted = true;
+            }
         }
         if (!current->additivity_ || !current->parent_) break;
         current = current->parent_;
     }
-    eventsLogged_.fetch_add(1, std::memory_order_relaxed);
+    if (!counted) eventsLogged_.fetch_add(1, std::memory_order_relaxed);
 }
 
 }  // namespace zvs::zvlib::zvlog

@@ -31,6 +31,7 @@
 #include "zvlog/FormatScan.h"
 #include "zvlog/Layout.h"
 #include "zvlog/LoggingEvent.h"
+#include "zvlog/core/MessageRenderer.h"
 #include "zvlog/layout/TextAppend.h"
 
 namespace zvs::zvlib::zvlog {
@@ -305,9 +306,59 @@ void appendArgument(std::string& out, unsigned char type, const void* value, con
     if (spec.width > 0 || (cut && spec.precision >= 0)) applyWidthAndPrecision(out, start, spec, prefixLen, cut);
 }
 
+
+// The common conversions (a decimal integer or a text without width or
+// precision) are written straight through the writer; every other one goes
+// through appendArgument on the string.
+bool putPlainArgument(text::Writer& w, unsigned char type, const void* value, char conversion) {
+    uint64_t magnitude;
+    bool negative = false;
+    switch (type) {
+        case ARG_STRING: {
+            const char* s = static_cast<const char*>(value);
+            w.put(s, std::strlen(s));
+            return true;
+        }
+        case ARG_INT32: {
+            const int32_t v = load<int32_t>(value);
+            negative = v < 0;
+            magnitude = negative ? 0 - static_cast<uint64_t>(static_cast<int64_t>(v)) : static_cast<uint64_t>(v);
+            break;
+        }
+        case ARG_UINT32:
+            magnitude = load<uint32_t>(value);
+            break;
+        case ARG_INT64: {
+            const int64_t v = load<int64_t>(value);
+            negative = v < 0;
+            magnitude = negative ? 0 - static_cast<uint64_t>(v) : static_cast<uint64_t>(v);
+            break;
+        }
+        case ARG_UINT64:
+            magnitude = load<uint64_t>(value);
+            break;
+        default:
+            return false;
+    }
+    switch (conversion) {
+        case 'x': case 'X': case 'o': case 'c':
+            return false;
+        default:
+            break;
+    }
+    char* p = w.room(21);
+    if (negative) *p++ = '-';
+    char digits[20];
+    const char* first = text::writeDecimalBackwards(digits + sizeof digits, magnitude);
+    const size_t n = static_cast<size_t>(digits + sizeof digits - first);
+    std::memcpy(p, first, n);
+    w.advance(p + n);
+    return true;
+}
+
 }  // namespace
 
-void renderMessage(const LoggingEvent* event, std::string& out) {
+void renderMessage(const LoggingEvent* event, text::Writer& w) {
     if (!event || !event->attributes.location) return;
     const char* p = event->attributes.location->format;
     if (!p) return;
@@ -315,41 +366,45 @@ void renderMessage(const LoggingEvent* event, std::string& out) {
         event->argumentCount < LoggingEvent::kMaxArguments ? event->argumentCount : LoggingEvent::kMaxArguments;
     unsigned next = 0;
     for (;;) {
-        const char* percent = std::strchr(p, '%');
-        if (!percent) {
-            out.append(p);
-            return;
-        }
-        out.append(p, static_cast<size_t>(percent - p));
+        const char* percent = strchrnul(p, '%');
+        w.put(p, static_cast<size_t>(percent - p));
+        if (!*percent) return;
         ConversionSpec spec;
         p = detail::parseConversion(percent + 1, spec);
-        if (spec.width < 0 || spec.width > kMaxField) spec.width = kMaxField;
-        if (spec.precision > kMaxField) spec.precision = kMaxField;
         if (spec.conversion == '%') {
-            out += '%';
+            w.put('%');
             continue;
         }
         if (spec.conversion == 0) {
-            out.append(percent);
+            w.put(percent, std::strlen(percent));
             return;
         }
         if (next >= count) {
-            out.append("???", 3);
+            w.put("???", 3);
             continue;
         }
         const unsigned index = next++;
         if (!isKnownConversion(spec.conversion)) {
             const char text[4] = {'%', '?', spec.conversion, '?'};
-            out.append(text, 4);
+            w.put(text, 4);
             continue;
         }
         const void* value = event->argumentValues[index];
         if (!value) {
-            out.append("###", 3);
+            w.put("###", 3);
             continue;
         }
-        appendArgument(out, event->argumentTypes[index], value, spec);
+        const unsigned char type = event->argumentTypes[index];
+        if (spec.width == 0 && spec.precision < 0 && putPlainArgument(w, type, value, spec.conversion)) continue;
+        if (spec.width < 0 || spec.width > kMaxField) spec.width = kMaxField;
+        if (spec.precision > kMaxField) spec.precision = kMaxField;
+        appendArgument(w.string(), type, value, spec);
     }
+}
+
+void renderMessage(const LoggingEvent* event, std::string& out) {
+    text::Writer w(out, 0);
+    renderMessage(event, w);
 }
 
 }  // namespace zvs::zvlib::zvlog

@@ -14,18 +14,14 @@
 #include <string>
 
 #include "zvlog/Layout.h"
+#include "zvlog/layout/DateText.h"
 #include "zvlog/layout/TextAppend.h"
 
 namespace zvs::zvlib::zvlog {
 namespace {
 
-// Times before this second are durations measured by the library clock, not
-// calendar times.
-constexpr uint32_t kFirstCalendarSecond = 1189622117;
-
 // Formats up to this length are cached; longer ones are formatted afresh.
 constexpr size_t kCachedFormatMax = 63;
-constexpr size_t kCachedTextMax = 128;
 constexpr unsigned kCacheEntries = 4;
 
 // Where computeHalves writes the two strftime outputs.
@@ -111,35 +107,10 @@ bool computeHalves(uint32_t second, const char* format, size_t len, DateHalves& 
            runStrftime(h.tail, h.tailCap, tailFmt, tm, finalTry, h.tailLen);
 }
 
-// One append: the cached head, ".mmm" when the format shows seconds, the tail.
-void appendHalves(std::string& out, const char* head, size_t headLen, bool hasSeconds, unsigned ms,
-                  const char* tail, size_t tailLen) {
-    const size_t at = out.size();
-    const size_t total = headLen + (hasSeconds ? 4 : 0) + tailLen;
-    out.resize(at + total);
-    char* p = &out[at];
-    std::memcpy(p, head, headLen);
-    p += headLen;
-    if (hasSeconds) {
-        p[0] = '.';
-        p[1] = static_cast<char>('0' + ms / 100);
-        p[2] = static_cast<char>('0' + ms / 10 % 10);
-        p[3] = static_cast<char>('0' + ms % 10);
-        p += 4;
-    }
-    std::memcpy(p, tail, tailLen);
-}
-
 struct CacheEntry {
-    uint32_t second;
     uint16_t formatLen;
-    uint16_t headLen;
-    uint16_t tailLen;
-    bool valid;
-    bool hasSeconds;
     char format[kCachedFormatMax + 1];
-    char head[kCachedTextMax];
-    char tail[kCachedTextMax];
+    DateSecond text;
 };
 
 struct DateCache {
@@ -153,6 +124,18 @@ thread_local DateCache t_dateCache;
 
 }  // namespace
 
+bool DateSecond::fill(uint32_t sec, const char* format, size_t len) {
+    valid = false;
+    DateHalves h{head, sizeof head, 0, tail, sizeof tail, 0, false};
+    if (!computeHalves(sec, format, len, h, false)) return false;
+    second = sec;
+    headLen = static_cast<uint16_t>(h.headLen);
+    tailLen = static_cast<uint16_t>(h.tailLen);
+    hasSeconds = h.hasSeconds;
+    valid = true;
+    return true;
+}
+
 void formatDate(const timeval32_t& time, const char* format, std::string& out) {
     const uint32_t second = time.tv_sec;
     if (second < kFirstCalendarSecond) {
@@ -165,33 +148,27 @@ void formatDate(const timeval32_t& time, const char* format, std::string& out) {
     if (!format) format = "";
     const size_t len = std::strlen(format);
     const unsigned ms = (time.tv_usec / 1000) % 1000;
+    text::Writer w(out, 0);
 
     if (len <= kCachedFormatMax) {
         DateCache& cache = t_dateCache;
         CacheEntry* entry = nullptr;
         for (CacheEntry& e : cache.entries) {
-            if (e.valid && e.formatLen == len && std::memcmp(e.format, format, len) == 0) {
+            if (e.text.valid && e.formatLen == len && std::memcmp(e.format, format, len) == 0) {
                 entry = &e;
                 break;
             }
         }
-        if (entry && entry->second == second) {
-            appendHalves(out, entry->head, entry->headLen, entry->hasSeconds, ms, entry->tail, entry->tailLen);
+        if (entry && entry->text.second == second) {
+            entry->text.put(w, ms);
             return;
         }
         if (!entry) entry = &cache.entries[cache.next++ % kCacheEntries];
-        entry->valid = false;
-        DateHalves h{entry->head, sizeof entry->head, 0, entry->tail, sizeof entry->tail, 0, false};
-        if (computeHalves(second, format, len, h, false)) {
-            entry->second = second;
+        if (entry->text.fill(second, format, len)) {
             entry->formatLen = static_cast<uint16_t>(len);
             std::memcpy(entry->format, format, len);
             entry->format[len] = '\0';
-            entry->headLen = static_cast<uint16_t>(h.headLen);
-            entry->tailLen = static_cast<uint16_t>(h.tailLen);
-            entry->hasSeconds = h.hasSeconds;
-            entry->valid = true;
-            appendHalves(out, entry->head, entry->headLen, entry->hasSeconds, ms, entry->tail, entry->tailLen);
+            entry->text.put(w, ms);
             return;
         }
     }
@@ -201,7 +178,13 @@ void formatDate(const timeval32_t& time, const char* format, std::string& out) {
     std::unique_ptr<char[]> buf(new char[2 * cap]);
     DateHalves h{buf.get(), cap, 0, buf.get() + cap, cap, 0, false};
     computeHalves(second, format, len, h, true);
-    appendHalves(out, h.head, h.headLen, h.hasSeconds, ms, h.tail, h.tailLen);
+    w.put(h.head, h.headLen);
+    if (h.hasSeconds) {
+        const char millis[4] = {'.', static_cast<char>('0' + ms / 100), static_cast<char>('0' + ms / 10 % 10),
+                                static_cast<char>('0' + ms % 10)};
+        w.put(millis, 4);
+    }
+    w.put(h.tail, h.tailLen);
 }
 
 }  // namespace zvs::zvlib::zvlog

@@ -15,6 +15,8 @@
 #include "zvlog/Level.h"
 #include "zvlog/Logger.h"
 #include "zvlog/LoggingTime.h"
+#include "zvlog/core/MessageRenderer.h"
+#include "zvlog/layout/DateText.h"
 #include "zvlog/layout/TextAppend.h"
 
 namespace zvs::zvlib::zvlog {
@@ -42,6 +44,25 @@ int readNumber(const char*& p) {
     }
     return v < kMaxWidth ? v : kMaxWidth;
 }
+
+}  // namespace
+
+// The layout's memory of what it printed last, per element: the text of the
+// current second for each date, and the shortened logger name for the last
+// name seen. Only the appender that owns the layout formats with it, one
+// event at a time.
+struct PatternLayout::Caches {
+    struct Name {
+        const char* full = nullptr;  // the interned name the text was cut from
+        std::string_view text;
+    };
+    std::vector<DateSecond> dates;
+    std::vector<Name> names;
+    const char* levelName = nullptr;
+    size_t levelNameLength = 0;
+};
+
+namespace {
 
 // Module texts may arrive as version-control keywords, "$Id: path $": the
 // text between the first blank and the closing " $" is the path. The first
@@ -72,10 +93,6 @@ std::string_view lastComponents(std::string_view s, int n, IsSeparator isSeparat
 bool isPathSeparator(char c) { return c == '/' || c == '\\'; }
 bool isNameSeparator(char c) { return c == '.'; }
 
-void appendText(std::string& out, const char* s) {
-    if (s) out.append(s);
-}
-
 void padOrCutSlow(const PatternLayout::Element& e, std::string& out, size_t start) {
     const size_t len = out.size() - start;
     if (static_cast<size_t>(e.minWidth) > len) {
@@ -95,8 +112,12 @@ void padOrCutSlow(const PatternLayout::Element& e, std::string& out, size_t star
     }
 }
 
-inline void padOrCut(const PatternLayout::Element& e, std::string& out, size_t start) {
-    if (e.minWidth > 0 || e.maxWidth > 0) padOrCutSlow(e, out, start);
+inline void padOrCut(const PatternLayout::Element& e, text::Writer& w, size_t start) {
+    if (e.minWidth > 0 || e.maxWidth > 0) padOrCutSlow(e, w.string(), start);
+}
+
+void putText(text::Writer& w, const char* s) {
+    if (s) w.put(s, std::strlen(s));
 }
 
 // The output column at `pos`: the characters (not bytes) after the last line
@@ -135,7 +156,7 @@ void indentMessage(std::string& out, size_t start, std::string& scratch) {
 
 }  // namespace
 
-PatternLayout::PatternLayout(const char* pattern) : pattern_(pattern ? pattern : "") { parse(); }
+PatternLayout::PatternLayout(const char* pattern) : pattern_(pattern ? pattern : ""), caches_(new Caches) { parse(); }
 
 PatternLayout::~PatternLayout() = default;
 
@@ -212,90 +233,109 @@ void PatternLayout::parse() {
 
 void PatternLayout::format(const LoggingEvent* event, std::string& out) {
     if (!event) return;
-    for (const Element& e : elements_) {
+    if (caches_->dates.size() != elements_.size()) {
+        caches_->dates.assign(elements_.size(), DateSecond{});
+        caches_->names.assign(elements_.size(), Caches::Name{});
+    }
+    text::Writer w(out, 0);
+    for (size_t i = 0; i < elements_.size(); ++i) {
+        const Element& e = elements_[i];
         switch (e.kind) {
             case 0:
-                if (e.literalLength == 1) {
-                    out.push_back(*e.literal);
-                } else {
-                    out.append(e.literal, e.literalLength);
-                }
+                w.put(e.literal, e.literalLength);
                 break;
             case 'n':
-                out.append("\r\n", 2);
+                w.put("\r\n", 2);
                 break;
             case '?':
-                out.append(e.option);
+                w.put(e.option);
                 break;
             default:
-                formatElement(e, event, out);
+                formatElement(i, event, w);
                 break;
         }
     }
 }
 
-void PatternLayout::formatElement(const Element& e, const LoggingEvent* event, std::string& out) {
-    const size_t start = out.size();
+void PatternLayout::formatElement(size_t index, const LoggingEvent* event, text::Writer& w) {
+    const Element& e = elements_[index];
+    const size_t start = w.position();
     const EventAttributes& a = event->attributes;
     const LocationRecord* location = a.location;
     switch (e.kind) {
         case 'c': {
             const char* name = Logger::getRepository()->getLoggerName(a.loggerIndex);
-            if (name) {
-                if (!*name) name = "root";
-                const std::string_view s = lastComponents(std::string_view(name), e.optionNumber, isNameSeparator);
-                out.append(s.data(), s.size());
+            if (!name) break;
+            Caches::Name& cached = caches_->names[index];
+            if (cached.full != name) {
+                cached.full = name;
+                cached.text = lastComponents(std::string_view(*name ? name : "root"), e.optionNumber, isNameSeparator);
             }
+            w.put(cached.text);
             break;
         }
         case 'C':
-            if (location) {
-                const std::string_view s =
-                    lastComponents(unwrapModule(location->module), e.optionNumber, isPathSeparator);
-                out.append(s.data(), s.size());
+            if (location) w.put(lastComponents(unwrapModule(location->module), e.optionNumber, isPathSeparator));
+            break;
+        case 'd': {
+            const timeval32_t& t = a.time;
+            DateSecond& date = caches_->dates[index];
+            const unsigned ms = (t.tv_usec / 1000) % 1000;
+            if (date.valid && date.second == t.tv_sec) {
+                date.put(w, ms);
+                break;
             }
+            const char* format = e.option.empty() ? kDefaultDateFormat : e.option.c_str();
+            if (t.tv_sec >= kFirstCalendarSecond && date.fill(t.tv_sec, format, std::strlen(format))) {
+                date.put(w, ms);
+                break;
+            }
+            formatDate(t, format, w.string());
             break;
-        case 'd':
-            formatDate(a.time, e.option.empty() ? kDefaultDateFormat : e.option.c_str(), out);
-            break;
+        }
         case 'L':
-            if (location) text::appendUnsigned(out, location->line);
+            if (location) w.putUnsigned(location->line);
             break;
         case 'l':
             if (location) {
-                appendText(out, location->method);
-                out += ' ';
-                const std::string_view s = lastComponents(unwrapModule(location->module), 2, isPathSeparator);
-                out.append(s.data(), s.size());
-                out += '(';
-                text::appendUnsigned(out, location->line);
-                out += ')';
+                putText(w, location->method);
+                w.put(' ');
+                w.put(lastComponents(unwrapModule(location->module), 2, isPathSeparator));
+                w.put('(');
+                w.putUnsigned(location->line);
+                w.put(')');
             }
             break;
         case 'M':
-            if (location) appendText(out, location->method);
+            if (location) putText(w, location->method);
             break;
         case 'm':
-            renderMessage(event, out);
-            padOrCut(e, out, start);
-            if (std::memchr(out.data() + start, '\n', out.size() - start)) indentMessage(out, start, scratch_);
+            renderMessage(event, w);
+            padOrCut(e, w, start);
+            if (std::memchr(w.at(start), '\n', w.position() - start)) indentMessage(w.string(), start, scratch_);
             return;
-        case 'p':
-            appendText(out, getLevelName(a.level));
+        case 'p': {
+            const char* name = getLevelName(a.level);
+            if (name != caches_->levelName) {
+                caches_->levelName = name;
+                caches_->levelNameLength = std::strlen(name);
+            }
+            w.put(name, caches_->levelNameLength);
             break;
+        }
         case 'r':
-            text::appendUnsigned(out, LoggingTime::getElapsedTime() / 1000);
+            w.putUnsigned(LoggingTime::getElapsedTime() / 1000);
             break;
         case 'S':
-            text::appendUnsigned(out, a.sequence);
+            w.putUnsigned(a.sequence);
             break;
         case 't':
-            appendText(out, LoggerRepository::getThreadName());
+            putText(w, LoggerRepository::getThreadName());
             break;
         default:
             break;
     }
-    padOrCut(e, out, start);
+    padOrCut(e, w, start);
 }
 
 }  // namespace zvs::zvlib::zvlog

@@ -5,7 +5,9 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <string>
+#include <string_view>
 
 namespace zvs::zvlib::zvlog::text {
 
@@ -87,5 +89,85 @@ inline void keepLast(std::string& out, size_t start, size_t keep) {
     while (from < out.size() && isUtf8Continuation(out[from])) ++from;
     out.erase(start, from - start);
 }
+
+}  // namespace zvs::zvlib::zvlog::text
+
+namespace zvs::zvlib::zvlog::text {
+
+// Writes into a std::string through a plain pointer. A layout puts a dozen
+// short pieces into every line; appending them one by one would pay the
+// string's capacity check and a copy call for each. The writer opens room in
+// the string ahead of time, writes into it, and cuts the string to what was
+// written when it finishes (or when code that works on the string itself
+// needs it: see string()).
+class Writer {
+public:
+    Writer(std::string& s, size_t expect) : s_(s) { open(s.size(), expect); }
+    ~Writer() { finish(); }
+    Writer(const Writer&) = delete;
+    Writer& operator=(const Writer&) = delete;
+
+    // The string holds exactly what was written; the writer stays usable.
+    void finish() {
+        if (p_) s_.resize(position());
+        p_ = end_ = nullptr;
+    }
+    // The string, exactly as written so far, for code that appends to it,
+    // inserts or cuts; the writer resumes at the string's end on next use.
+    std::string& string() {
+        finish();
+        return s_;
+    }
+
+    // Bytes in the string so far, written ones included.
+    size_t position() { return p_ ? static_cast<size_t>(p_ - s_.data()) : s_.size(); }
+    // The written text from `from` on (valid until the next write).
+    const char* at(size_t from) { return s_.data() + from; }
+
+    // Room for n bytes at the returned pointer; advance() past what was used.
+    // Never null, not even for n == 0: a detached writer (both pointers
+    // null) always reopens here.
+    char* room(size_t n) {
+        if (static_cast<size_t>(end_ - p_) <= n) grow(n);
+        return p_;
+    }
+    void advance(char* to) { p_ = to; }
+
+    void put(char c) {
+        char* p = room(1);
+        *p = c;
+        p_ = p + 1;
+    }
+    void put(const char* s, size_t n) {
+        char* p = room(n);
+        std::memcpy(p, s, n);
+        p_ = p + n;
+    }
+    void put(std::string_view s) { put(s.data(), s.size()); }
+    void putUnsigned(uint64_t v) {
+        char buf[20];
+        const char* first = writeDecimalBackwards(buf + sizeof buf, v);
+        put(first, static_cast<size_t>(buf + sizeof buf - first));
+    }
+
+private:
+    static constexpr size_t kStep = 256;
+
+    void open(size_t at, size_t expect) {
+        s_.resize(at + (expect > kStep ? expect : kStep));
+        p_ = s_.data() + at;
+        end_ = s_.data() + s_.size();
+    }
+    // Opens at least n bytes at the write position, doubling what was open
+    // so that a long text grows the string a logarithmic number of times.
+    void grow(size_t n) {
+        const size_t at = position();
+        open(at, p_ ? n + 2 * static_cast<size_t>(end_ - p_) : n);
+    }
+
+    std::string& s_;
+    char* p_ = nullptr;
+    char* end_ = nullptr;
+};
 
 }  // namespace zvs::zvlib::zvlog::text
