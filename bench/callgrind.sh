@@ -30,7 +30,7 @@ build="$(cd "${1:-$here/../build-bench}" && pwd)"
 n="${2:-200000}"
 driver="$build/bench/bench_callgrind_driver"
 out="${OUT_DIR:-$build/callgrind}"
-scenarios="${SCENARIOS:-disabled buffer format async spdlog_disabled spdlog_format spdlog_async}"
+scenarios="${SCENARIOS:-disabled buffer format async file spdlog_disabled spdlog_format spdlog_async spdlog_file}"
 
 if [[ ! -x "$driver" ]]; then
     echo "no driver at $driver: build the target bench_callgrind_driver first" >&2
@@ -97,5 +97,6 @@ echo "zvlog / spdlog instructions per event:"
 ratio disabled spdlog_disabled "disabled"
 ratio format spdlog_format "formatting"
 ratio async spdlog_async "async producer"
+ratio file spdlog_file "file"
 echo
 echo "callgrind files: $out (callgrind_annotate <file> for the breakdown)"

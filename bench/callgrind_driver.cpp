@@ -3,8 +3,10 @@
 //
 //   bench_callgrind_driver SCENARIO N [--whole]
 //
-// SCENARIO is one of disabled, buffer, format, async, spdlog_format,
-// spdlog_disabled, spdlog_async. After the setup and a warm-up of a few
+// SCENARIO is one of disabled, buffer, format, async, file, spdlog_format,
+// spdlog_disabled, spdlog_async, spdlog_file. The file scenarios write to
+// a file in $TMPDIR (or /tmp) with each library's default buffering and
+// remove it afterwards; their counts include the write() calls' user side. After the setup and a warm-up of a few
 // thousand events (first-call registration, buffer and date cache), the N
 // timed calls run between two CALLGRIND_TOGGLE_COLLECT requests. Run under
 // --collect-atstart=no, callgrind then counts exactly the calling thread's
@@ -20,7 +22,14 @@
 #include <memory>
 #include <string>
 
+#include <unistd.h>
+
 #include "BenchScenarios.h"
+#include "zvlog/FileAppender.h"
+
+#ifdef ZVLOG_BENCH_HAVE_SPDLOG
+#include <spdlog/sinks/basic_file_sink.h>
+#endif
 
 #ifdef ZVLOG_BENCH_HAVE_CALLGRIND
 #include <valgrind/callgrind.h>
@@ -36,13 +45,19 @@ using zvbench::zl::LEVEL_DEBUG;
 constexpr int kWarmup = 5000;
 bool toggleCollection = true;
 
+std::string scratchFile(const char* name) {
+    const char* dir = std::getenv("TMPDIR");
+    return std::string(dir && *dir ? dir : "/tmp") + "/" + name + "-" + std::to_string(::getpid()) + ".log";
+}
+
 // Keeps the compiler from testing the level byte once for the whole loop.
 inline void barrier() { asm volatile("" ::: "memory"); }
 
 int usage(const char* argv0) {
     std::fprintf(stderr,
                  "usage: %s SCENARIO N [--whole]\n"
-                 "  SCENARIO: disabled | buffer | format | async | spdlog_format | spdlog_disabled | spdlog_async\n",
+                 "  SCENARIO: disabled | buffer | format | async | file | spdlog_format | spdlog_disabled | spdlog_async |"
+                 " spdlog_file\n",
                  argv0);
     return 2;
 }
@@ -89,7 +104,31 @@ int main(int argc, char** argv) {
         run(n, [logger](int i) { ZVLOG_INFO(logger, "iteration %d value %s", i, "short"); });
         zv->asyncAppender.setAsynchronous(false);  // delivers what is queued
         delivered = zv->asyncAppender.getEventsIssued();
+    } else if (scenario == "file") {
+        const std::string path = scratchFile("zvlog-callgrind");
+        zvbench::zl::FileAppender file("bench.file");
+        file.setLayout(new zvbench::zl::PatternLayout(zvbench::kZvlogPattern));  // the appender owns it
+        file.setFile(path.c_str());
+        file.activateOptions();
+        zvbench::zl::Logger* logger = zv->bufferOnly;
+        logger->addAppender(file);
+        run(n, [logger](int i) { ZVLOG_INFO(logger, "iteration %d value %s", i, "short"); });
+        logger->removeAppender(file);
+        file.close();
+        delivered = file.getEventsIssued();
+        ::unlink(path.c_str());
 #ifdef ZVLOG_BENCH_HAVE_SPDLOG
+    } else if (scenario == "spdlog_file") {
+        const std::string path = scratchFile("spdlog-callgrind");
+        {
+            auto sink = std::make_shared<spdlog::sinks::basic_file_sink_mt>(path, true);
+            spdlog::logger logger("bench.file", sink);
+            logger.set_pattern(zvbench::kSpdlogPattern);
+            spdlog::logger* l = &logger;
+            run(n, [l](int i) { l->info("iteration {} value {}", i, "short"); });
+            logger.flush();
+        }
+        ::unlink(path.c_str());
     } else if (scenario.rfind("spdlog_", 0) == 0) {
         auto sp = std::make_unique<zvbench::SpdlogSetup>();
         if (scenario == "spdlog_disabled") {

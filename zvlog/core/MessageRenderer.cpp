@@ -307,18 +307,13 @@ void appendArgument(std::string& out, unsigned char type, const void* value, con
 }
 
 
-// The common conversions (a decimal integer or a text without width or
-// precision) are written straight through the writer; every other one goes
-// through appendArgument on the string.
-bool putPlainArgument(text::Writer& w, unsigned char type, const void* value, char conversion) {
+// A 32- or 64-bit integer printed in decimal without width or precision,
+// straight through the writer; false for anything else, which goes through
+// appendArgument on the string.
+bool putDecimal(text::Writer& w, unsigned char type, const void* value, char conversion) {
     uint64_t magnitude;
     bool negative = false;
     switch (type) {
-        case ARG_STRING: {
-            const char* s = static_cast<const char*>(value);
-            w.put(s, std::strlen(s));
-            return true;
-        }
         case ARG_INT32: {
             const int32_t v = load<int32_t>(value);
             negative = v < 0;
@@ -358,17 +353,25 @@ bool putPlainArgument(text::Writer& w, unsigned char type, const void* value, ch
 
 }  // namespace
 
-void renderMessage(const LoggingEvent* event, text::Writer& w) {
-    if (!event || !event->attributes.location) return;
+// Whether a line end was written is told from the texts copied (the
+// format's pieces and the text arguments), not by searching the output:
+// reading back bytes just stored in small pieces stalls the processor.
+bool renderMessage(const LoggingEvent* event, text::Writer& w) {
+    if (!event || !event->attributes.location) return false;
     const char* p = event->attributes.location->format;
-    if (!p) return;
+    if (!p) return false;
     const unsigned count =
         event->argumentCount < LoggingEvent::kMaxArguments ? event->argumentCount : LoggingEvent::kMaxArguments;
     unsigned next = 0;
+    bool lineEnd = false;
+    auto copy = [&](const char* text, size_t n) {
+        if (!lineEnd && std::memchr(text, '\n', n)) lineEnd = true;
+        w.put(text, n);
+    };
     for (;;) {
         const char* percent = strchrnul(p, '%');
-        w.put(p, static_cast<size_t>(percent - p));
-        if (!*percent) return;
+        copy(p, static_cast<size_t>(percent - p));
+        if (!*percent) return lineEnd;
         ConversionSpec spec;
         p = detail::parseConversion(percent + 1, spec);
         if (spec.conversion == '%') {
@@ -376,8 +379,8 @@ void renderMessage(const LoggingEvent* event, text::Writer& w) {
             continue;
         }
         if (spec.conversion == 0) {
-            w.put(percent, std::strlen(percent));
-            return;
+            copy(percent, std::strlen(percent));
+            return lineEnd;
         }
         if (next >= count) {
             w.put("???", 3);
@@ -395,10 +398,20 @@ void renderMessage(const LoggingEvent* event, text::Writer& w) {
             continue;
         }
         const unsigned char type = event->argumentTypes[index];
-        if (spec.width == 0 && spec.precision < 0 && putPlainArgument(w, type, value, spec.conversion)) continue;
+        if (spec.width == 0 && spec.precision < 0) {
+            if (type == ARG_STRING) {
+                const char* text = static_cast<const char*>(value);
+                copy(text, std::strlen(text));
+                continue;
+            }
+            if (putDecimal(w, type, value, spec.conversion)) continue;
+        }
         if (spec.width < 0 || spec.width > kMaxField) spec.width = kMaxField;
         if (spec.precision > kMaxField) spec.precision = kMaxField;
-        appendArgument(w.string(), type, value, spec);
+        std::string& out = w.string();
+        const size_t start = out.size();
+        appendArgument(out, type, value, spec);
+        if (!lineEnd && std::memchr(out.data() + start, '\n', out.size() - start)) lineEnd = true;
     }
 }
 

@@ -7,6 +7,7 @@
 
 namespace zvs::zvlib::zvlog {
 
-void renderMessage(const LoggingEvent* event, text::Writer& w);
+// Returns whether the text may hold a line end.
+bool renderMessage(const LoggingEvent* event, text::Writer& w);
 
 }  // namespace zvs::zvlib::zvlog

@@ -52,8 +52,10 @@ int readNumber(const char*& p) {
 // name seen. Only the appender that owns the layout formats with it, one
 // event at a time.
 struct PatternLayout::Caches {
+    // A logger index names one interned name for the life of the process.
     struct Name {
-        const char* full = nullptr;  // the interned name the text was cut from
+        bool valid = false;
+        unsigned short index = 0;
         std::string_view text;
     };
     std::vector<DateSecond> dates;
@@ -156,7 +158,11 @@ void indentMessage(std::string& out, size_t start, std::string& scratch) {
 
 }  // namespace
 
-PatternLayout::PatternLayout(const char* pattern) : pattern_(pattern ? pattern : ""), caches_(new Caches) { parse(); }
+PatternLayout::PatternLayout(const char* pattern) : pattern_(pattern ? pattern : ""), caches_(new Caches) {
+    parse();
+    caches_->dates.assign(elements_.size(), DateSecond{});
+    caches_->names.assign(elements_.size(), Caches::Name{});
+}
 
 PatternLayout::~PatternLayout() = default;
 
@@ -233,10 +239,6 @@ void PatternLayout::parse() {
 
 void PatternLayout::format(const LoggingEvent* event, std::string& out) {
     if (!event) return;
-    if (caches_->dates.size() != elements_.size()) {
-        caches_->dates.assign(elements_.size(), DateSecond{});
-        caches_->names.assign(elements_.size(), Caches::Name{});
-    }
     text::Writer w(out, 0);
     for (size_t i = 0; i < elements_.size(); ++i) {
         const Element& e = elements_[i];
@@ -264,11 +266,12 @@ void PatternLayout::formatElement(size_t index, const LoggingEvent* event, text:
     const LocationRecord* location = a.location;
     switch (e.kind) {
         case 'c': {
-            const char* name = Logger::getRepository()->getLoggerName(a.loggerIndex);
-            if (!name) break;
             Caches::Name& cached = caches_->names[index];
-            if (cached.full != name) {
-                cached.full = name;
+            if (!cached.valid || cached.index != a.loggerIndex) {
+                const char* name = Logger::getRepository()->getLoggerName(a.loggerIndex);
+                if (!name) break;
+                cached.valid = true;
+                cached.index = a.loggerIndex;
                 cached.text = lastComponents(std::string_view(*name ? name : "root"), e.optionNumber, isNameSeparator);
             }
             w.put(cached.text);
@@ -310,9 +313,13 @@ void PatternLayout::formatElement(size_t index, const LoggingEvent* event, text:
             if (location) putText(w, location->method);
             break;
         case 'm':
-            renderMessage(event, w);
-            padOrCut(e, w, start);
-            if (std::memchr(w.at(start), '\n', w.position() - start)) indentMessage(w.string(), start, scratch_);
+            if (renderMessage(event, w)) {
+                padOrCut(e, w, start);
+                std::string& text = w.string();
+                if (std::memchr(text.data() + start, '\n', text.size() - start)) indentMessage(text, start, scratch_);
+            } else {
+                padOrCut(e, w, start);
+            }
             return;
         case 'p': {
             const char* name = getLevelName(a.level);

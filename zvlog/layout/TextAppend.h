@@ -121,8 +121,6 @@ public:
 
     // Bytes in the string so far, written ones included.
     size_t position() { return p_ ? static_cast<size_t>(p_ - s_.data()) : s_.size(); }
-    // The written text from `from` on (valid until the next write).
-    const char* at(size_t from) { return s_.data() + from; }
 
     // Room for n bytes at the returned pointer; advance() past what was used.
     // Never null, not even for n == 0: a detached writer (both pointers
