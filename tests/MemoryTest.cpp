@@ -1,24 +1,17 @@
 // Memory stays flat however many events a process logs: blocks are recycled.
 #include <gtest/gtest.h>
 
-#include <fstream>
 #include <string>
 
 #include "support/CaptureAppender.h"
+#include "support/ResidentMemory.h"
 #include "zvlog/buffer/Block.h"
 #include "zvlog/zvlog.h"
 
 using namespace zvs::zvlib::zvlog;
+using zvtest::residentKiB;
 
 namespace {
-
-long residentKiB() {
-    std::ifstream status("/proc/self/status");
-    std::string line;
-    while (std::getline(status, line))
-        if (line.rfind("VmRSS:", 0) == 0) return std::stol(line.substr(6));
-    return -1;
-}
 
 // Counts events without keeping them.
 class CountingAppender : public Appender {

@@ -79,7 +79,6 @@ private:
         alignas(64) unsigned long long highWater = 0;
     };
     static unsigned int deliveryThread(void* self);
-    static void releaseQueued(AsyncQueue* queue);
     template <class Change>
     void underLockHolder(Change&& change);
     int runFilters(const LoggingEvent* event) const;

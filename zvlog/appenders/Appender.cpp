@@ -3,9 +3,11 @@
 #include <algorithm>
 #include <cinttypes>
 #include <cstring>
+#include <mutex>
 #include <vector>
 
 #include "zvlog/Logger.h"
+#include "zvlog/appenders/AsyncQueue.h"
 #include "zvlog/buffer/Block.h"
 #include "zvlog/buffer/LogBufferImpl.h"
 #include "zvlog/core/Library.h"
@@ -14,16 +16,11 @@
 
 namespace zvs::zvlib::zvlog {
 
-using MultiThreading::Event;
 using MultiThreading::Mutex;
 using MultiThreading::MutexLock;
 using MultiThreading::Thread;
 
 namespace {
-
-// How long the delivery thread polls for more events before it sleeps: a
-// busy producer then rarely pays for waking it.
-constexpr unsigned kDeliverySpinMicros = 50;
 
 struct Registry {
     Mutex mutex{Mutex::Recursive};
@@ -36,29 +33,6 @@ Registry& registry() {
 }
 
 }  // namespace
-
-// Queued events keep their buffer blocks alive. A run of events from one
-// block holds one reference: the producer takes it for the first event of the
-// run (lastBlock, reset whenever the delivery thread takes the queue), and the
-// delivery thread drops it after the run's last event.
-struct Appender::AsyncQueue {
-    Mutex lock{Mutex::NonRecursive};
-    const unsigned char* lastBlock = nullptr;
-    Event stop{Event::ManualReset};
-    Event wake{Event::AutoReset};
-    std::vector<LoggingEvent> incoming;
-    std::vector<LoggingEvent> working;
-    Thread* thread = nullptr;
-};
-
-// Drops the references of events left in the incoming queue, one per run.
-void Appender::releaseQueued(AsyncQueue* q) {
-    const std::vector<LoggingEvent>& in = q->incoming;
-    for (size_t i = 0; i < in.size(); ++i)
-        if (i + 1 == in.size() || in[i + 1].bufferBase != in[i].bufferBase) binary::releaseBlock(in[i].bufferBase);
-    q->incoming.clear();
-    q->lastBlock = nullptr;
-}
 
 Appender::Appender(const char* name) : name_(name ? name : "") {
     LibraryState::ensureInitialized();
@@ -80,7 +54,7 @@ Appender::~Appender() {
         r.appenders.erase(std::remove(r.appenders.begin(), r.appenders.end(), this), r.appenders.end());
     }
     if (AsyncQueue* q = async_.queue) {
-        releaseQueued(q);
+        q->discardAll();
         delete q;
     }
 }
@@ -115,7 +89,7 @@ void Appender::setName(const char* name) { name_ = name ? name : ""; }
 template <class Change>
 void Appender::underLockHolder(Change&& change) {
     if (async_.on.load(std::memory_order_acquire)) {
-        MutexLock lock(async_.queue->lock);
+        std::lock_guard<QueueLock> lock(async_.queue->lock);
         change();
     } else {
         change();
@@ -172,15 +146,11 @@ void Appender::deliver(const LoggingEvent* event) {
     }
     if (async_.on.load(std::memory_order_acquire)) {
         AsyncQueue* q = async_.queue;
-        {
-            MutexLock lock(q->lock);
-            if (event->bufferBase != q->lastBlock) {  // the copy's arguments live in the block
-                binary::retainBlock(event->bufferBase);
-                q->lastBlock = event->bufferBase;
-            }
-            q->incoming.push_back(*event);
-        }
-        q->wake.set();
+        std::lock_guard<QueueLock> lock(q->lock);
+        // Only the first event of a batch wakes the delivery thread: while
+        // the queue holds events, their wake is pending or the thread is
+        // about to take them.
+        if (q->push(*event)) q->wake.set();
         return;
     }
     MutexLock lock(mutex_);
@@ -208,23 +178,11 @@ unsigned int Appender::deliveryThread(void* self) {
     ThreadRecord* record = currentThreadRecord();
     if (record) ++record->depth;
     for (;;) {
-        q->wake.wait(Event::Infinite, kDeliverySpinMicros);
-        bool stopping;
-        {
-            MutexLock lock(q->lock);
-            q->incoming.swap(q->working);
-            q->lastBlock = nullptr;
-            stopping = q->stop.isSet();
-        }
+        const bool stopping = q->awaitBatch();
         const size_t n = q->working.size();
         if (n > appender->async_.highWater) appender->async_.highWater = n;
-        for (size_t i = 0; i < n; ++i) {
-            const LoggingEvent& e = q->working[i];
-            appender->append(&e);
-            if (i + 1 == n || q->working[i + 1].bufferBase != e.bufferBase) binary::releaseBlock(e.bufferBase);
-        }
+        q->deliverBatch([appender](const LoggingEvent* e) { appender->append(e); });
         appender->countIssued(n);
-        q->working.clear();
         if (stopping) break;
     }
     if (record) --record->depth;
@@ -236,6 +194,12 @@ void Appender::setAsynchronous(bool on) {
     if (on) {
         if (!async_.queue) async_.queue = new AsyncQueue();
         AsyncQueue* q = async_.queue;
+        {
+            // What a producer racing the last switch-off queued is dropped:
+            // the queue starts empty, as its wake does.
+            std::lock_guard<QueueLock> lock(q->lock);
+            q->discardIncoming();
+        }
         q->stop.reset();
         q->wake.reset();
         q->thread = new Thread(&Appender::deliveryThread, "LogAppenderThread");
@@ -250,8 +214,8 @@ void Appender::setAsynchronous(bool on) {
         delete q->thread;
         q->thread = nullptr;
         // Events that arrived after the thread's last pass are discarded.
-        MutexLock lock(q->lock);
-        releaseQueued(q);
+        std::lock_guard<QueueLock> lock(q->lock);
+        q->discardAll();
     }
 }
 
