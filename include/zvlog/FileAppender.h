@@ -134,6 +134,7 @@ protected:
 private:
     friend struct OpenFileRegistry;
     void writeOut(const void* data, size_t length, bool follow);
+    void placeLastRecord(size_t at);
     void adopt(int fd, const std::string& name);
 
     unsigned long long bufferSize_ = 4096;

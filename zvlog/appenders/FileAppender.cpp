@@ -174,23 +174,9 @@ void FileAppender::append(const LoggingEvent* event) {
     FileHold hold(*this);
     if (fd_ < 0) activateOptions();
     if (fd_ < 0) return;
-    // As put() of the finished record: earlier records go out first when the
-    // new one does not fit behind them, and a record as large as the buffer
-    // is written by itself.
     const size_t at = buffer_.size();
     layout->format(event, buffer_);
-    const size_t n = buffer_.size() - at;
-    if (buffer_.size() > capacity_ || n >= capacity_) {
-        if (at != 0) {
-            writeOut(buffer_.data(), at, followRenames_);
-            buffer_.erase(0, at);
-        }
-        if (n >= capacity_) {
-            writeOut(buffer_.data(), n, followRenames_);
-            buffer_.clear();
-        }
-    }
-    if (immediateFlush_) flushBuffer(followRenames_);
+    placeLastRecord(at);
 }
 
 // Header and footer go straight into the file's buffer: they never trigger
@@ -207,16 +193,27 @@ void FileAppender::putLayoutText(bool header) {
 }
 
 void FileAppender::put(const void* data, size_t length) {
-    if (capacity_ == 0) {
-        writeOut(data, length, followRenames_);
-        return;
-    }
-    if (buffer_.size() + length > capacity_) flushBuffer(followRenames_);
-    if (length >= capacity_) {
-        writeOut(data, length, followRenames_);
-        return;
-    }
+    const size_t at = buffer_.size();
     buffer_.append(static_cast<const char*>(data), length);
+    placeLastRecord(at);
+}
+
+// The buffer holds whole records before `at` and the newest one after it.
+// When the newest does not fit behind the others they go out first, a
+// record as large as the buffer (every record when unbuffered) is written by
+// itself, and immediate flush writes what remains.
+void FileAppender::placeLastRecord(size_t at) {
+    const size_t n = buffer_.size() - at;
+    if (buffer_.size() > capacity_ || n >= capacity_) {
+        if (at != 0) {
+            writeOut(buffer_.data(), at, followRenames_);
+            buffer_.erase(0, at);
+        }
+        if (n >= capacity_) {
+            writeOut(buffer_.data(), n, followRenames_);
+            buffer_.clear();
+        }
+    }
     if (immediateFlush_) flushBuffer(followRenames_);
 }
 

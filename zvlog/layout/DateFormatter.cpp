@@ -179,11 +179,7 @@ void formatDate(const timeval32_t& time, const char* format, std::string& out) {
     DateHalves h{buf.get(), cap, 0, buf.get() + cap, cap, 0, false};
     computeHalves(second, format, len, h, true);
     w.put(h.head, h.headLen);
-    if (h.hasSeconds) {
-        const char millis[4] = {'.', static_cast<char>('0' + ms / 100), static_cast<char>('0' + ms / 10 % 10),
-                                static_cast<char>('0' + ms % 10)};
-        w.put(millis, 4);
-    }
+    if (h.hasSeconds) w.advance(DateSecond::writeMilliseconds(w.room(4), ms));
     w.put(h.tail, h.tailLen);
 }
 

@@ -32,15 +32,18 @@ struct DateSecond {
         char* p = w.room(static_cast<size_t>(headLen) + 4 + tailLen);
         std::memcpy(p, head, headLen);
         p += headLen;
-        if (hasSeconds) {
-            p[0] = '.';
-            p[1] = static_cast<char>('0' + milliseconds / 100);
-            p[2] = static_cast<char>('0' + milliseconds / 10 % 10);
-            p[3] = static_cast<char>('0' + milliseconds % 10);
-            p += 4;
-        }
+        if (hasSeconds) p = writeMilliseconds(p, milliseconds);
         std::memcpy(p, tail, tailLen);
         w.advance(p + tailLen);
+    }
+
+    // ".mmm" at p; returns the position after it.
+    static char* writeMilliseconds(char* p, unsigned milliseconds) {
+        p[0] = '.';
+        p[1] = static_cast<char>('0' + milliseconds / 100);
+        p[2] = static_cast<char>('0' + milliseconds / 10 % 10);
+        p[3] = static_cast<char>('0' + milliseconds % 10);
+        return p + 4;
     }
 };
 
