@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <ctime>
+#include <functional>
 #include <limits>
 #include <string>
 
@@ -55,6 +56,79 @@ TEST(MessageRenderer, IntegersOfEveryWidthInDecimal) {
     EventBuilder zeros("%d %u %i");
     zeros.i32(0).u64(0).i16(0);
     EXPECT_EQ(rendered(zeros.event()), "0 0 0");
+}
+
+TEST(MessageRenderer, EveryDigitCountAndEveryPieceLengthExactly) {
+    // Around each power of ten the digit count changes.
+    uint64_t power = 1;
+    for (int k = 0; k < 20; ++k) {
+        for (uint64_t v : {power - 1, power, power + 1}) {
+            EventBuilder b("[%d|%d]");
+            b.u64(v).i64(-static_cast<int64_t>(v % (uint64_t{1} << 62)));
+            EXPECT_EQ(rendered(b.event()),
+                      "[" + std::to_string(v) + "|" + std::to_string(-static_cast<int64_t>(v % (uint64_t{1} << 62))) +
+                          "]");
+        }
+        if (k < 19) power *= 10;
+    }
+    // Literal pieces and text arguments of every length up to past two
+    // machine words, appended behind text of every length up to a line.
+    for (size_t n = 0; n <= 70; ++n) {
+        const std::string literal(n, static_cast<char>('a' + n % 26));
+        const std::string argument(70 - n, static_cast<char>('A' + n % 26));
+        const std::string format = literal + "%s" + literal;
+        EventBuilder b(format.c_str());
+        b.str(argument);
+        std::string out(n * 3, '.');
+        renderMessage(b.get(), out);
+        EXPECT_EQ(out, std::string(n * 3, '.') + literal + argument + literal) << n;
+    }
+}
+
+// The library reads the formats of the records it registers once, ahead of
+// their events; the text must not change by it.
+TEST(MessageRenderer, RegisteredFormatsRenderAsTheyRead) {
+    struct Case {
+        const char* format;
+        std::function<void(EventBuilder&)> arguments;
+    };
+    const Case cases[] = {
+        {"", [](EventBuilder&) {}},
+        {"plain text, no conversions", [](EventBuilder&) {}},
+        {"%d", [](EventBuilder& b) { b.i32(-5); }},
+        {"%s%s", [](EventBuilder& b) { b.str("ab").str(""); }},
+        {"100%% of %s%%", [](EventBuilder& b) { b.str("rows"); }},
+        {"a=%d b=%s c=%5d%%", [](EventBuilder& b) { b.i32(1); }},
+        {"%-8s|%08.3f|%x|%5.2s|", [](EventBuilder& b) { b.str("left").f32(2.5f).u32(255).str("cut"); }},
+        {"%y unknown then %d", [](EventBuilder& b) { b.i32(1).i32(2); }},
+        {"first\nsecond %s", [](EventBuilder& b) { b.str("x\ny"); }},
+        {"ends cut %-05", [](EventBuilder&) {}},
+        {"%p %S", [](EventBuilder& b) { b.pointer(0x1234).wstr(u"wide"); }},
+    };
+    unsigned short line = 1000;
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.format);
+        EventBuilder b(c.format);
+        c.arguments(b);
+        const std::string expected = rendered(b.event());
+
+        const EventAttributes registered(c.format, "RegisteredFormats.cpp", "test", ++line,
+                                         static_cast<unsigned short>(detail::countConversions(c.format)), 0, 100);
+        ASSERT_NE(registered.location->plan, nullptr);
+        LoggingEvent event = b.event();
+        event.attributes.location = registered.location;
+        EXPECT_EQ(rendered(event), expected);
+
+        // A copy of the record that points at another format renders that
+        // format, not the one read for the original.
+        LocationRecord other = *registered.location;
+        other.format = "other %d";
+        EventBuilder one("other %d");
+        one.i32(9);
+        LoggingEvent otherEvent = one.event();
+        otherEvent.attributes.location = &other;
+        EXPECT_EQ(rendered(otherEvent), "other 9");
+    }
 }
 
 TEST(MessageRenderer, LengthModifiersAreSkipped) {

@@ -75,6 +75,10 @@ TEST_F(PatternLayoutTest, PercentLineEndAndMalformedConversions) {
     EXPECT_EQ(format("end %", b), "end %");
     EXPECT_EQ(format("end %-5.", b), "end %-5.");
     EXPECT_EQ(format("", b), "");
+    // Conversions side by side, and runs of literal text between them.
+    b.level(LEVEL_ERROR).logger(loggerIndex("zv.apply"));
+    EXPECT_EQ(format("%p%c{1}%%%n%x|%m", b), "ERRORapply%\r\n%?x?|msg");
+    EXPECT_EQ(format("%m%m", b), "msgmsg");
 }
 
 TEST_F(PatternLayoutTest, LevelPaddingAndCutting) {
@@ -263,6 +267,14 @@ TEST_F(PatternLayoutTest, FullLineAndReuse) {
     EXPECT_EQ(out, line);
     layout.format(b.get(), out);
     EXPECT_EQ(out, line + line);
+
+    // A message longer than the room a line is given first, behind text of
+    // its own.
+    const std::string longText(3000, 'x');
+    EventBuilder longOne("%s");
+    longOne.str(longText).level(LEVEL_ERROR).logger(loggerIndex("zv.apply")).time(kTuesday, 250000);
+    layout.format(longOne.get(), out);
+    EXPECT_EQ(out, line + line + "2023-11-14 Tue +0000 22:13:20.250 ERROR zv.apply - " + longText + "\r\n");
 }
 
 TEST_F(PatternLayoutTest, EventWithoutLocation) {

@@ -30,6 +30,8 @@ enum ArgumentType : unsigned char {
     ARG_WSTRING = 'u',  // UTF-16 text with a 2-byte terminator
 };
 
+struct FormatPlan;
+
 // One per distinct call site; shared and never freed while the library lives.
 struct LocationRecord {
     const char* format;
@@ -37,6 +39,11 @@ struct LocationRecord {
     const char* method;
     unsigned short line;
     unsigned short argumentCount;
+    // The format read once, for the renderer. The library sets it on the
+    // records it registers (call sites and its location table), whose format
+    // never changes; records made elsewhere leave it null and are read anew
+    // for every event.
+    const FormatPlan* plan = nullptr;
 };
 
 // A call site's own record and its cached location key (0 until the site

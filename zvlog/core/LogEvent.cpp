@@ -5,6 +5,7 @@
 #include "zvlog/Log.h"
 #include "zvlog/SparseArray.h"
 #include "zvlog/buffer/LogBufferImpl.h"
+#include "zvlog/core/FormatPlan.h"
 #include "zvlog/core/ThreadRecord.h"
 
 namespace zvs::zvlib::zvlog {
@@ -48,6 +49,7 @@ unsigned int registerCallSite(CallSite& site, const char* format, unsigned short
     if (key) return key;
     site.record.format = format;
     site.record.argumentCount = count;
+    if (format) site.record.plan = makeFormatPlan(format);
     key = makeKey(t.moduleIndex(site.record.module), site.record.line);
     bool created = false;
     auto* node = t.records.insert(key, &created);
@@ -86,7 +88,9 @@ EventAttributes::EventAttributes(const char* const& format, const char* const& m
         locationKey = makeKey(t.moduleIndex(module), line);
         bool created = false;
         auto* node = t.records.insert(locationKey, &created);
-        if (created) node->value = new LocationRecord{format, module, method, line, argumentCount};
+        if (created)
+            node->value =
+                new LocationRecord{format, module, method, line, argumentCount, format ? makeFormatPlan(format) : nullptr};
         location = node->value;
     }
     LoggingTime::getCurrentTime(&time);

@@ -31,6 +31,7 @@
 #include "zvlog/FormatScan.h"
 #include "zvlog/Layout.h"
 #include "zvlog/LoggingEvent.h"
+#include "zvlog/core/FormatPlan.h"
 #include "zvlog/core/MessageRenderer.h"
 #include "zvlog/layout/TextAppend.h"
 
@@ -341,78 +342,136 @@ bool putDecimal(text::Writer& w, unsigned char type, const void* value, char con
         default:
             break;
     }
-    char* p = w.room(21);
-    if (negative) *p++ = '-';
-    char digits[20];
-    const char* first = text::writeDecimalBackwards(digits + sizeof digits, magnitude);
-    const size_t n = static_cast<size_t>(digits + sizeof digits - first);
-    std::memcpy(p, first, n);
-    w.advance(p + n);
+    if (negative) w.put('-');
+    w.putUnsigned(magnitude);
     return true;
 }
 
+// Whether n bytes at s hold a line end. Short texts, the usual case, are
+// read as one or two words instead of through a call.
+inline bool containsLineEnd(const char* s, size_t n) {
+    if (n > 16) return std::memchr(s, '\n', n) != nullptr;
+    if (n < 8) {
+        for (size_t i = 0; i < n; ++i)
+            if (s[i] == '\n') return true;
+        return false;
+    }
+    auto hasLineEnd = [](uint64_t word) {
+        const uint64_t x = word ^ 0x0a0a0a0a0a0a0a0aull;
+        return ((x - 0x0101010101010101ull) & ~x & 0x8080808080808080ull) != 0;
+    };
+    return hasLineEnd(load<uint64_t>(s)) || hasLineEnd(load<uint64_t>(s + n - 8));
+}
+
+// Walks a format: literal(text, n) for the text to copy, conversion(spec)
+// for each conversion that consumes an argument.
+template <class Literal, class Conversion>
+void scanFormat(const char* p, Literal&& literal, Conversion&& conversion) {
+    for (;;) {
+        const char* percent = strchrnul(p, '%');
+        if (percent != p) literal(p, static_cast<size_t>(percent - p));
+        if (!*percent) return;
+        ConversionSpec spec;
+        p = detail::parseConversion(percent + 1, spec);
+        if (spec.conversion == '%') {
+            literal("%", 1);
+        } else if (spec.conversion == 0) {
+            literal(percent, std::strlen(percent));
+            return;
+        } else {
+            conversion(spec);
+        }
+    }
+}
+
+// Writes argument `index` of the event as the conversion asks; returns
+// whether the text may hold a line end.
+bool putArgument(const LoggingEvent* event, unsigned index, ConversionSpec spec, text::Writer& w) {
+    if (!isKnownConversion(spec.conversion)) {
+        const char text[4] = {'%', '?', spec.conversion, '?'};
+        w.put(text, 4);
+        return false;
+    }
+    const void* value = event->argumentValues[index];
+    if (!value) {
+        w.put("###", 3);
+        return false;
+    }
+    const unsigned char type = event->argumentTypes[index];
+    if (spec.width == 0 && spec.precision < 0) {
+        if (type == ARG_STRING) {
+            const char* text = static_cast<const char*>(value);
+            const size_t n = std::strlen(text);
+            w.put(text, n);
+            return containsLineEnd(text, n);
+        }
+        if (putDecimal(w, type, value, spec.conversion)) return false;
+    }
+    if (spec.width < 0 || spec.width > kMaxField) spec.width = kMaxField;
+    if (spec.precision > kMaxField) spec.precision = kMaxField;
+    std::string& out = w.string();
+    const size_t start = out.size();
+    appendArgument(out, type, value, spec);
+    return std::memchr(out.data() + start, '\n', out.size() - start) != nullptr;
+}
+
 }  // namespace
+
+const FormatPlan* makeFormatPlan(const char* format) {
+    auto* plan = new FormatPlan{format, {}, {}, false};
+    scanFormat(
+        format, [&](const char* text, size_t n) { plan->literal.append(text, n); },
+        [&](const ConversionSpec& spec) {
+            plan->conversions.push_back({static_cast<uint32_t>(plan->literal.size()), spec});
+        });
+    plan->literalLineEnd = plan->literal.find('\n') != std::string::npos;
+    return plan;
+}
 
 // Whether a line end was written is told from the texts copied (the
 // format's pieces and the text arguments), not by searching the output:
 // reading back bytes just stored in small pieces stalls the processor.
 bool renderMessage(const LoggingEvent* event, text::Writer& w) {
     if (!event || !event->attributes.location) return false;
-    const char* p = event->attributes.location->format;
-    if (!p) return false;
+    const LocationRecord& location = *event->attributes.location;
+    if (!location.format) return false;
     const unsigned count =
         event->argumentCount < LoggingEvent::kMaxArguments ? event->argumentCount : LoggingEvent::kMaxArguments;
     unsigned next = 0;
-    bool lineEnd = false;
-    auto copy = [&](const char* text, size_t n) {
-        if (!lineEnd && std::memchr(text, '\n', n)) lineEnd = true;
-        w.put(text, n);
-    };
-    for (;;) {
-        const char* percent = strchrnul(p, '%');
-        copy(p, static_cast<size_t>(percent - p));
-        if (!*percent) return lineEnd;
-        ConversionSpec spec;
-        p = detail::parseConversion(percent + 1, spec);
-        if (spec.conversion == '%') {
-            w.put('%');
-            continue;
-        }
-        if (spec.conversion == 0) {
-            copy(percent, std::strlen(percent));
-            return lineEnd;
-        }
+    // A conversion with no argument left prints "???".
+    auto argument = [&](const ConversionSpec& spec) {
         if (next >= count) {
             w.put("???", 3);
-            continue;
+            return false;
         }
-        const unsigned index = next++;
-        if (!isKnownConversion(spec.conversion)) {
-            const char text[4] = {'%', '?', spec.conversion, '?'};
-            w.put(text, 4);
-            continue;
+        return putArgument(event, next++, spec, w);
+    };
+
+    const FormatPlan* plan = location.plan;
+    if (plan && plan->format == location.format) {
+        bool lineEnd = plan->literalLineEnd;
+        const char* literal = plan->literal.data();
+        uint32_t at = 0;
+        for (const FormatPlan::Conversion& c : plan->conversions) {
+            w.put(literal + at, c.literalEnd - at);
+            at = c.literalEnd;
+            if (argument(c.spec)) lineEnd = true;
         }
-        const void* value = event->argumentValues[index];
-        if (!value) {
-            w.put("###", 3);
-            continue;
-        }
-        const unsigned char type = event->argumentTypes[index];
-        if (spec.width == 0 && spec.precision < 0) {
-            if (type == ARG_STRING) {
-                const char* text = static_cast<const char*>(value);
-                copy(text, std::strlen(text));
-                continue;
-            }
-            if (putDecimal(w, type, value, spec.conversion)) continue;
-        }
-        if (spec.width < 0 || spec.width > kMaxField) spec.width = kMaxField;
-        if (spec.precision > kMaxField) spec.precision = kMaxField;
-        std::string& out = w.string();
-        const size_t start = out.size();
-        appendArgument(out, type, value, spec);
-        if (!lineEnd && std::memchr(out.data() + start, '\n', out.size() - start)) lineEnd = true;
+        w.put(literal + at, plan->literal.size() - at);
+        return lineEnd;
     }
+
+    bool lineEnd = false;
+    scanFormat(
+        location.format,
+        [&](const char* text, size_t n) __attribute__((always_inline)) {
+            if (!lineEnd && containsLineEnd(text, n)) lineEnd = true;
+            w.put(text, n);
+        },
+        [&](const ConversionSpec& spec) {
+            if (argument(spec)) lineEnd = true;
+        });
+    return lineEnd;
 }
 
 void renderMessage(const LoggingEvent* event, std::string& out) {

@@ -30,10 +30,10 @@ struct DateSecond {
     // head, ".mmm" when the format shows seconds, tail.
     void put(text::Writer& w, unsigned milliseconds) const {
         char* p = w.room(static_cast<size_t>(headLen) + 4 + tailLen);
-        std::memcpy(p, head, headLen);
+        text::Writer::copy(p, head, headLen);
         p += headLen;
         if (hasSeconds) p = writeMilliseconds(p, milliseconds);
-        std::memcpy(p, tail, tailLen);
+        text::Writer::copy(p, tail, tailLen);
         w.advance(p + tailLen);
     }
 

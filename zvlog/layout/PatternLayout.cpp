@@ -62,7 +62,52 @@ struct PatternLayout::Caches {
     std::vector<Name> names;
     const char* levelName = nullptr;
     size_t levelNameLength = 0;
+
+    // The pattern as formatting walks it: the literal text before the first
+    // conversion, then each conversion with the literal text that follows it
+    // ("%%", "%n" and malformed conversions are literal text as well).
+    struct Step {
+        size_t element;
+        const char* after;
+        size_t afterLength;
+    };
+    std::string literals;  // every literal text, back to back
+    size_t prefixLength = 0;
+    std::vector<Step> steps;
+
+    void build(const std::vector<Element>& elements);
 };
+
+void PatternLayout::Caches::build(const std::vector<Element>& elements) {
+    dates.assign(elements.size(), DateSecond{});
+    names.assign(elements.size(), Name{});
+    std::vector<size_t> afterOffsets;
+    for (size_t i = 0; i < elements.size(); ++i) {
+        const Element& e = elements[i];
+        switch (e.kind) {
+            case 0:
+                literals.append(e.literal, e.literalLength);
+                break;
+            case 'n':
+                literals.append("\r\n", 2);
+                break;
+            case '?':
+                literals.append(e.option);
+                break;
+            default:
+                if (steps.empty()) prefixLength = literals.size();
+                steps.push_back(Step{i, nullptr, 0});
+                afterOffsets.push_back(literals.size());
+                continue;
+        }
+    }
+    if (steps.empty()) prefixLength = literals.size();
+    for (size_t k = 0; k < steps.size(); ++k) {
+        const size_t end = k + 1 < steps.size() ? afterOffsets[k + 1] : literals.size();
+        steps[k].after = literals.data() + afterOffsets[k];
+        steps[k].afterLength = end - afterOffsets[k];
+    }
+}
 
 namespace {
 
@@ -160,8 +205,7 @@ void indentMessage(std::string& out, size_t start, std::string& scratch) {
 
 PatternLayout::PatternLayout(const char* pattern) : pattern_(pattern ? pattern : ""), caches_(new Caches) {
     parse();
-    caches_->dates.assign(elements_.size(), DateSecond{});
-    caches_->names.assign(elements_.size(), Caches::Name{});
+    caches_->build(elements_);
 }
 
 PatternLayout::~PatternLayout() = default;
@@ -237,29 +281,8 @@ void PatternLayout::parse() {
     }
 }
 
-void PatternLayout::format(const LoggingEvent* event, std::string& out) {
-    if (!event) return;
-    text::Writer w(out, 0);
-    for (size_t i = 0; i < elements_.size(); ++i) {
-        const Element& e = elements_[i];
-        switch (e.kind) {
-            case 0:
-                w.put(e.literal, e.literalLength);
-                break;
-            case 'n':
-                w.put("\r\n", 2);
-                break;
-            case '?':
-                w.put(e.option);
-                break;
-            default:
-                formatElement(i, event, w);
-                break;
-        }
-    }
-}
-
-void PatternLayout::formatElement(size_t index, const LoggingEvent* event, text::Writer& w) {
+[[gnu::always_inline]] inline void PatternLayout::formatElement(size_t index, const LoggingEvent* event,
+                                                                  text::Writer& w) {
     const Element& e = elements_[index];
     const size_t start = w.position();
     const EventAttributes& a = event->attributes;
@@ -343,6 +366,17 @@ void PatternLayout::formatElement(size_t index, const LoggingEvent* event, text:
             break;
     }
     padOrCut(e, w, start);
+}
+
+void PatternLayout::format(const LoggingEvent* event, std::string& out) {
+    if (!event) return;
+    text::Writer w(out, 0);
+    const Caches& c = *caches_;
+    w.put(c.literals.data(), c.prefixLength);
+    for (const Caches::Step& step : c.steps) {
+        formatElement(step.element, event, w);
+        w.put(step.after, step.afterLength);
+    }
 }
 
 }  // namespace zvs::zvlib::zvlog

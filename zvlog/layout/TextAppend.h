@@ -34,6 +34,34 @@ inline char* writeDecimalBackwards(char* end, uint64_t v) {
     return end;
 }
 
+// The number of decimal digits of v (1 for 0).
+inline unsigned decimalDigits(uint64_t v) {
+    static constexpr uint64_t kPowers[] = {1ull,
+                                           10ull,
+                                           100ull,
+                                           1000ull,
+                                           10000ull,
+                                           100000ull,
+                                           1000000ull,
+                                           10000000ull,
+                                           100000000ull,
+                                           1000000000ull,
+                                           10000000000ull,
+                                           100000000000ull,
+                                           1000000000000ull,
+                                           10000000000000ull,
+                                           100000000000000ull,
+                                           1000000000000000ull,
+                                           10000000000000000ull,
+                                           100000000000000000ull,
+                                           1000000000000000000ull,
+                                           10000000000000000000ull};
+    // log10 from log2 (1233 / 4096 is just above log10(2)), then one compare.
+    const unsigned bits = 64 - static_cast<unsigned>(__builtin_clzll(v | 1));
+    const unsigned guess = (bits * 1233) >> 12;
+    return guess + ((v | 1) >= kPowers[guess] ? 1 : 0);
+}
+
 inline void appendUnsigned(std::string& out, uint64_t v) {
     char buf[20];
     char* first = writeDecimalBackwards(buf + sizeof buf, v);
@@ -125,40 +153,78 @@ public:
     // Room for n bytes at the returned pointer; advance() past what was used.
     // Never null, not even for n == 0: a detached writer (both pointers
     // null) always reopens here.
-    char* room(size_t n) {
+    [[gnu::always_inline]] char* room(size_t n) {
         if (static_cast<size_t>(end_ - p_) <= n) grow(n);
         return p_;
     }
     void advance(char* to) { p_ = to; }
 
-    void put(char c) {
+    [[gnu::always_inline]] void put(char c) {
         char* p = room(1);
         *p = c;
         p_ = p + 1;
     }
-    void put(const char* s, size_t n) {
+    [[gnu::always_inline]] void put(const char* s, size_t n) {
         char* p = room(n);
-        std::memcpy(p, s, n);
+        copy(p, s, n);
         p_ = p + n;
     }
-    void put(std::string_view s) { put(s.data(), s.size()); }
+    [[gnu::always_inline]] void put(std::string_view s) { put(s.data(), s.size()); }
+    // The digits go straight to their place: written into a buffer and
+    // copied, they would be read back before the processor has stored them.
     void putUnsigned(uint64_t v) {
-        char buf[20];
-        const char* first = writeDecimalBackwards(buf + sizeof buf, v);
-        put(first, static_cast<size_t>(buf + sizeof buf - first));
+        const unsigned n = decimalDigits(v);
+        char* p = room(n);
+        writeDecimalBackwards(p + n, v);
+        p_ = p + n;
+    }
+
+    // Copies n bytes. The pieces of a line are mostly shorter than 32 bytes:
+    // two overlapping loads and stores copy them without a call.
+    [[gnu::always_inline]] static void copy(char* to, const char* from, size_t n) {
+        if (n > 32) {
+            std::memcpy(to, from, n);
+        } else if (n >= 16) {
+            overlapping<16>(to, from, n);
+        } else if (n >= 8) {
+            overlapping<8>(to, from, n);
+        } else if (n >= 4) {
+            overlapping<4>(to, from, n);
+        } else {
+            for (size_t i = 0; i < n; ++i) to[i] = from[i];
+        }
     }
 
 private:
     static constexpr size_t kStep = 256;
 
+    // n bytes, chunk <= n <= 2 * chunk, as a first and a last chunk.
+    template <size_t chunk>
+    [[gnu::always_inline]] static void overlapping(char* to, const char* from, size_t n) {
+        struct Chunk {
+            char bytes[chunk];
+        } head, tail;
+        std::memcpy(&head, from, chunk);
+        std::memcpy(&tail, from + n - chunk, chunk);
+        std::memcpy(to, &head, chunk);
+        std::memcpy(to + n - chunk, &tail, chunk);
+    }
+
+    // The room opened is not filled: what is not written is cut off again
+    // by finish() before anybody reads it.
     void open(size_t at, size_t expect) {
-        s_.resize(at + (expect > kStep ? expect : kStep));
+        const size_t size = at + (expect > kStep ? expect : kStep);
+#if defined(__cpp_lib_string_resize_and_overwrite)
+        s_.resize_and_overwrite(size, [](char*, size_t n) { return n; });
+#else
+        s_.resize(size);
+#endif
         p_ = s_.data() + at;
         end_ = s_.data() + s_.size();
     }
     // Opens at least n bytes at the write position, doubling what was open
     // so that a long text grows the string a logarithmic number of times.
-    void grow(size_t n) {
+    [[gnu::noinline]] void grow(size_t n) {
         const size_t at = position();
         open(at, p_ ? n + 2 * static_cast<size_t>(end_ - p_) : n);
     }

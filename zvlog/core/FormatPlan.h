@@ -1,0 +1,31 @@
+// A message format read once: its literal text and its conversions. Rendering
+// an event of a registered call site then copies pieces of known length
+// instead of scanning the format again.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "zvlog/FormatScan.h"
+
+namespace zvs::zvlib::zvlog {
+
+struct FormatPlan {
+    struct Conversion {
+        uint32_t literalEnd;  // the literal text before this conversion ends here
+        detail::ConversionSpec spec;
+    };
+    const char* format;  // the text it was read from
+    // The text printed between conversions: "%%" as "%", a conversion cut
+    // off by the end of the format as it stands.
+    std::string literal;
+    std::vector<Conversion> conversions;
+    bool literalLineEnd;  // the literal text holds a line end
+};
+
+// Reads a format (not null). Plans are made for records that live as long as
+// the process and are never freed.
+const FormatPlan* makeFormatPlan(const char* format);
+
+}  // namespace zvs::zvlib::zvlog
