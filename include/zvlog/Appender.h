@@ -94,7 +94,7 @@ private:
     unsigned int deliveryMode_ = DELIVERY_DIRECT;
     // Written per event, by the logging threads or the delivery thread.
     alignas(64) MultiThreading::Mutex mutex_{MultiThreading::Mutex::NonRecursive};
-    std::atomic<unsigned long long> eventsIssued_{0};
+    alignas(64) std::atomic<unsigned long long> eventsIssued_{0};
     std::atomic<unsigned long long> eventsFiltered_{0};
 };
 

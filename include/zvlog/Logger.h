@@ -89,9 +89,11 @@ private:
     const char* name_;
     const char* parentName_;
     std::vector<Appender*> appenders_;
-    // Written per event.
+    // Written per event. The lock word has a line of its own: a thread that
+    // waits for it reads it over and over, and would take the line away from
+    // the holder's counters each time.
     alignas(64) MultiThreading::Mutex mutex_{MultiThreading::Mutex::NonRecursive};
-    unsigned long long eventsIssued_ = 0;
+    alignas(64) unsigned long long eventsIssued_ = 0;
     // Events logged at this logger while its mutex was held for delivery:
     // one writer at a time, so no locked instruction.
     std::atomic<unsigned long long> eventsLoggedLocked_{0};
