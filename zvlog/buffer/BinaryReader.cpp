@@ -588,6 +588,7 @@ void toLoggingEvent(const DecodedEvent& decoded, LocationRecord& site, LoggingEv
     site.method = decoded.method.c_str();
     site.line = 0;
     site.argumentCount = decoded.siteNumber;
+    site.plan = nullptr;  // the decoded texts are read anew for each event
     event.argumentCount = static_cast<unsigned short>(count);
     for (size_t i = 0; i < count; ++i) {
         event.argumentTypes[i] = decoded.arguments[i].type;
