@@ -229,15 +229,28 @@ int CSConverter::minCharSize() const { return isValid() ? impl_->minCharSize() :
 int CSConverter::maxCharSize() const { return isValid() ? impl_->maxCharSize() : 0; }
 int CSConverter::encodingClass() const { return isValid() ? impl_->encodingClass() : CS_CLASS_OTHER; }
 
-bool CSConverter::fromUnicode(const UChar* src, int32_t length, std::string& out, UErrorCode* status) {
+namespace {
+
+// Runs a conversion on a converter's implementation. Without one (the
+// converter failed to open) the output is emptied and the status says
+// U_INVALID_STATE_ERROR. A null status is allowed.
+template <class Out, class Convert>
+bool convertWith(CSConverterImpl* impl, Out& out, UErrorCode* status, Convert&& convert) {
     UErrorCode local = U_ZERO_ERROR;
     UErrorCode& st = status ? *status : local;
-    if (!impl_) {
+    if (!impl) {
         out.clear();
         st = U_INVALID_STATE_ERROR;
         return false;
     }
-    return impl_->fromUnicode(src, length, out, st);
+    return convert(*impl, st);
+}
+
+}  // namespace
+
+bool CSConverter::fromUnicode(const UChar* src, int32_t length, std::string& out, UErrorCode* status) {
+    return convertWith(impl_, out, status,
+                       [&](CSConverterImpl& impl, UErrorCode& st) { return impl.fromUnicode(src, length, out, st); });
 }
 
 bool CSConverter::fromUnicode(const icu::UnicodeString& src, std::string& out, UErrorCode* status) {
@@ -250,14 +263,8 @@ bool CSConverter::fromUnicode(const icu::UnicodeString& src, std::string& out, U
 }
 
 bool CSConverter::toUnicode(const char* src, int32_t length, std::u16string& out, UErrorCode* status) {
-    UErrorCode local = U_ZERO_ERROR;
-    UErrorCode& st = status ? *status : local;
-    if (!impl_) {
-        out.clear();
-        st = U_INVALID_STATE_ERROR;
-        return false;
-    }
-    return impl_->toUnicode(src, length, out, st);
+    return convertWith(impl_, out, status,
+                       [&](CSConverterImpl& impl, UErrorCode& st) { return impl.toUnicode(src, length, out, st); });
 }
 
 bool CSConverter::toUnicode(const char* src, int32_t length, icu::UnicodeString& out, UErrorCode* status) {
