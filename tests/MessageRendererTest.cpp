@@ -63,11 +63,12 @@ TEST(MessageRenderer, EveryDigitCountAndEveryPieceLengthExactly) {
     uint64_t power = 1;
     for (int k = 0; k < 20; ++k) {
         for (uint64_t v : {power - 1, power, power + 1}) {
+            const int64_t negative = -static_cast<int64_t>(v % (uint64_t{1} << 62));
             EventBuilder b("[%d|%d]");
-            b.u64(v).i64(-static_cast<int64_t>(v % (uint64_t{1} << 62)));
-            EXPECT_EQ(rendered(b.event()),
-                      "[" + std::to_string(v) + "|" + std::to_string(-static_cast<int64_t>(v % (uint64_t{1} << 62))) +
-                          "]");
+            b.u64(v).i64(negative);
+            std::string expected = "[";
+            expected.append(std::to_string(v)).append("|").append(std::to_string(negative)).append("]");
+            EXPECT_EQ(rendered(b.event()), expected);
         }
         if (k < 19) power *= 10;
     }
