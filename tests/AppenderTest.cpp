@@ -108,7 +108,8 @@ TEST(Filters, ThreadNameMatchLooksAtTheLoggingThread) {
 TEST(Appender, BinaryLayoutSwitchesToRawDeliveryOfWholeBlocks) {
     Logger* l = fresh("raw.delivery");
     CaptureAppender raw("raw-appender");
-    raw.setLayout(new BinaryLayout());
+    BinaryLayout* binary = new BinaryLayout();
+    raw.setLayout(binary);
     EXPECT_EQ(raw.getDeliveryMode(), Appender::DELIVERY_RAW);
     l->addAppender(raw);
     ZVLOG_INFO(l, "event %d", 1);
@@ -121,6 +122,7 @@ TEST(Appender, BinaryLayoutSwitchesToRawDeliveryOfWholeBlocks) {
     EXPECT_EQ(blocks[0].back(), '>');
     EXPECT_GE(raw.getEventsIssued(), 2u);
     raw.setLayout(nullptr);
+    delete binary;  // replacing a layout leaves it to its owner
     EXPECT_EQ(raw.getDeliveryMode(), Appender::DELIVERY_DIRECT);
     l->removeAllAppenders();
 }

@@ -105,12 +105,25 @@ __attribute__((noinline)) int zvCaptureBacktrace(void** frames, int maxFrames, i
     if (!frames || maxFrames <= 0) return 0;
     if (skip < 0) skip = 0;
     int savedErrno = errno;
-    int wanted = maxFrames + skip + 1;
+    // Room for a few frames beneath this one that are not ours: a wrapper of
+    // backtrace() put in front of glibc's (a sanitizer's, a preloaded one's)
+    // shows up as frames of its own.
+    constexpr int kForeign = 4;
+    int wanted = maxFrames + skip + 1 + kForeign;
     void** all = static_cast<void**>(malloc(sizeof(void*) * static_cast<size_t>(wanted)));
     int stored = 0;
     if (all) {
         int captured = backtrace(all, wanted);
-        for (int i = skip + 1; i < captured && stored < maxFrames; ++i) frames[stored++] = all[i];
+        // Our caller's frame is the one that returns where this call does;
+        // counting from the top would take the wrappers' frames for callers.
+        void* const intoCaller = __builtin_extract_return_addr(__builtin_return_address(0));
+        int first = 1;
+        for (int i = 0; i < captured && i <= 1 + kForeign; ++i)
+            if (all[i] == intoCaller) {
+                first = i;
+                break;
+            }
+        for (int i = first + skip; i < captured && stored < maxFrames; ++i) frames[stored++] = all[i];
         free(all);
     }
     errno = savedErrno;

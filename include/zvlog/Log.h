@@ -177,6 +177,8 @@ inline void log(Logger* logger, unsigned char level, CallSite& site,
 #define ZVLOG_STD(name, level, ...)                                                                     \
     do {                                                                                                \
         const unsigned char zvlogLevel_ = static_cast<unsigned char>(level);                            \
-        ZVLOG_DETAIL_LOG(zvlogLevel_ >= zvlog_std_##name##_effective_level, zvlog_std_##name,           \
+        ZVLOG_DETAIL_LOG(zvlogLevel_ >= ::zvs::zvlib::zvlog::detail::loadLevelByte(                     \
+                             zvlog_std_##name##_effective_level),                                       \
+                         zvlog_std_##name,                                                              \
                          zvlogLevel_, __FILE__, __func__, __LINE__, __VA_ARGS__);                       \
     } while (0)

@@ -16,11 +16,22 @@ class Appender;
 class LogBuffer;
 class LoggerRepository;
 
+namespace detail {
+// An exported effective-level byte (zvlog_std_..._effective_level) as a call
+// site tests it: one relaxed byte load, since the configuring thread may be
+// writing it.
+inline unsigned char loadLevelByte(unsigned char& byte) {
+    return std::atomic_ref<unsigned char>(byte).load(std::memory_order_relaxed);
+}
+}  // namespace detail
+
 class ZVLOG_API Logger {
 public:
     // The inline level test of every call site: one byte load, one compare.
-    bool isEnabledFor(unsigned char level) const { return level >= effectiveLevel_; }
-    unsigned char getEffectiveLevel() const { return effectiveLevel_; }
+    // The byte changes while other threads test it; a relaxed atomic load is
+    // the same single load, and a call site may see a new level a moment late.
+    bool isEnabledFor(unsigned char level) const { return level >= effectiveLevel_.load(std::memory_order_relaxed); }
+    unsigned char getEffectiveLevel() const { return effectiveLevel_.load(std::memory_order_relaxed); }
 
     Logger* getChild(const char* suffix) const;
     const char* getName() const { return name_; }
@@ -79,12 +90,12 @@ private:
     // Read by every call site and every delivery: kept apart from what
     // delivering threads write, so that a busy logger does not slow the
     // inline tests of other threads.
-    alignas(64) unsigned char effectiveLevel_ = LEVEL_OFF;  // mirrored into the external byte
+    alignas(64) std::atomic<unsigned char> effectiveLevel_{LEVEL_OFF};  // mirrored into the external byte
     unsigned char level_ = LEVEL_INHERIT;
     bool additivity_ = true;
     unsigned short index_;
     std::atomic<unsigned int> appenderCount_{0};
-    unsigned char* effectiveLevelPtr_;
+    unsigned char* externalLevel_;  // a standard logger's exported byte, or null
     Logger* parent_ = nullptr;
     const char* name_;
     const char* parentName_;

@@ -32,10 +32,10 @@ private:
 }  // namespace
 
 Logger::Logger(const char* name, const char* parentName, unsigned short index, unsigned char* externalByte)
-    : index_(index), effectiveLevelPtr_(externalByte ? externalByte : &effectiveLevel_), name_(name),
-      parentName_(parentName) {
+    : index_(index), externalLevel_(externalByte), name_(name), parentName_(parentName) {
     static_assert(alignof(Logger) == 64);
-    if (externalByte) effectiveLevel_ = *externalByte;
+    static_assert(std::atomic<unsigned char>::is_always_lock_free && sizeof effectiveLevel_ == 1);
+    if (externalByte) effectiveLevel_.store(detail::loadLevelByte(*externalByte), std::memory_order_relaxed);
 }
 
 Logger::~Logger() = default;
@@ -43,8 +43,9 @@ Logger::~Logger() = default;
 LoggerRepository* Logger::getRepository() { return LibraryState::repository(); }
 
 void Logger::setEffectiveLevel(unsigned char value) {
-    effectiveLevel_ = value;
-    if (effectiveLevelPtr_ != &effectiveLevel_) *effectiveLevelPtr_ = value;
+    // Call sites on other threads load these bytes without a lock.
+    effectiveLevel_.store(value, std::memory_order_relaxed);
+    if (externalLevel_) std::atomic_ref<unsigned char>(*externalLevel_).store(value, std::memory_order_relaxed);
 }
 
 Logger* Logger::getChild(const char* suffix) const {
