@@ -66,6 +66,11 @@ void beforeStartUp() {
     ZVLOG_INFO(dumpLogger(), "not saved");
     LibraryState::setState(LibraryRunState::Uninitialized);
     printSaved();
+    // Back to the state the library is really in, and shut down as a program
+    // does: the clock's thread, which may have ended on seeing the forced
+    // state, is joined rather than left behind.
+    LibraryState::setState(LibraryRunState::Started);
+    Logger::getRepository()->shutdown();
 }
 
 void afterShutdown() {

@@ -2,8 +2,12 @@
 // the ancestry, the standard loggers and name handling.
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <cstdio>
 #include <cstring>
 #include <string>
+#include <thread>
+#include <vector>
 
 #include "support/CaptureAppender.h"
 #include "zvlog/msg/RaiseMessage.h"
@@ -223,6 +227,83 @@ TEST(Repository, ConfigurationCallbacksRunOnceEachInOrderAtReset) {
     EXPECT_EQ(r->getRootLogger()->getLevel(), LEVEL_WARN);
     r->clearConfiguration(first);
     r->clearConfiguration(second);
+}
+
+
+// Call sites test the effective-level bytes without a lock while another
+// thread changes them (a parent's level, inherited by the child; a standard
+// logger's exported byte). Whatever a racing call saw, each thread's events
+// arrive whole and in order, and once the levels settle every call counts.
+struct LevelRace {
+    static constexpr int kThreads = 3;
+    static constexpr int kRacing = 4000;
+    static constexpr int kSettled = 500;
+
+    // Runs the producers against a thread that flips the level, then checks.
+    template <class Log, class SetLevel>
+    static void run(CaptureAppender& app, Log log, SetLevel setLevel) {
+        std::atomic<bool> go{false};
+        std::vector<std::thread> producers;
+        for (int t = 0; t < kThreads; ++t)
+            producers.emplace_back([&, t] {
+                while (!go.load()) std::this_thread::yield();
+                for (int i = 0; i < kRacing; ++i) log(t, i);
+            });
+        std::thread flipper([&] {
+            go.store(true);
+            for (int i = 0; i < 400; ++i) setLevel(i % 2 ? LEVEL_OFF : LEVEL_INFO);
+            setLevel(LEVEL_INFO);
+        });
+        for (std::thread& p : producers) p.join();
+        flipper.join();
+
+        std::vector<int> last(kThreads, -1);
+        for (const auto& e : app.events()) {
+            int t = -1, i = -1;
+            ASSERT_EQ(sscanf(e.message.c_str(), "t%d %d", &t, &i), 2) << e.message;
+            ASSERT_TRUE(t >= 0 && t < kThreads) << e.message;
+            EXPECT_GT(i, last[t]) << e.message;
+            last[t] = i;
+        }
+        const size_t racing = app.size();
+        EXPECT_LE(racing, size_t{kThreads} * kRacing);
+
+        for (int t = 0; t < kThreads; ++t)
+            for (int i = 0; i < kSettled; ++i) log(t, kRacing + i);
+        EXPECT_EQ(app.size(), racing + size_t{kThreads} * kSettled);
+        setLevel(LEVEL_OFF);
+        for (int t = 0; t < kThreads; ++t) log(t, 0);
+        EXPECT_EQ(app.size(), racing + size_t{kThreads} * kSettled);
+    }
+};
+
+TEST(LevelRace, AChildFollowsItsParentsLevelWhileThreadsLogOnIt) {
+    Logger* parent = repo()->getLogger("levelrace");
+    Logger* child = repo()->getLogger("levelrace.child");
+    child->setAdditivity(false);
+    CaptureAppender app("levelrace-capture");
+    child->addAppender(app);
+    LevelRace::run(
+        app, [child](int t, int i) { ZVLOG_INFO(child, "t%d %d", t, i); },
+        [parent](unsigned char level) { parent->setLevel(level); });
+    EXPECT_EQ(child->getEffectiveLevel(), LEVEL_OFF);
+    child->removeAllAppenders();
+    parent->setLevel(LEVEL_INHERIT);
+}
+
+// Leaves the standard logger configured: kept after the test that needs the
+// standard bytes unconfigured.
+TEST(LevelRace, AStandardLoggersExportedByteChangesWhileThreadsTestIt) {
+    CaptureAppender app("levelrace-std");
+    zvlog_std_application->setAdditivity(false);
+    zvlog_std_application->addAppender(app);
+    LevelRace::run(
+        app, [](int t, int i) { ZVLOG_STD(application, LEVEL_INFO, "t%d %d", t, i); },
+        [](unsigned char level) { zvlog_std_application->setLevel(level); });
+    EXPECT_EQ(zvlog_std_application_effective_level, LEVEL_OFF);
+    zvlog_std_application->removeAllAppenders();
+    zvlog_std_application->setLevel(LEVEL_INHERIT);
+    zvlog_std_application->setAdditivity(true);
 }
 
 }  // namespace

@@ -39,7 +39,7 @@ std::string report(unsigned count) {
 }
 
 void setIntervals(unsigned long first, unsigned long second, unsigned long third) {
-    unsigned long* intervals = factory()->impl()->repetition.intervalsMs;
+    std::atomic<unsigned long>* intervals = factory()->impl()->repetition.intervalsMs;
     intervals[0] = first, intervals[1] = second, intervals[2] = third;
 }
 

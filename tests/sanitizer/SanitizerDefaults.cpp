@@ -19,7 +19,7 @@ __attribute__((visibility("default"), used)) const char* __ubsan_default_options
 }
 
 __attribute__((visibility("default"), used)) const char* __tsan_default_options() {
-    return "halt_on_error=1:second_deadlock_stack=1:print_stacktrace=1";
+    return "halt_on_error=1:second_deadlock_stack=1:print_stacktrace=1:atexit_sleep_ms=50";
 }
 
 }

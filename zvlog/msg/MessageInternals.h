@@ -73,8 +73,9 @@ struct Repetition {
     MultiThreading::Event stop{MultiThreading::Event::ManualReset};
     int stopMode = 0;  // 1: a successful test of stop sets it again
     MultiThreading::Thread* thread = nullptr;
-    // 30000, 120000 and 600000 ms; tests shorten them.
-    unsigned long intervalsMs[3] = {30000, 120000, 600000};
+    // 30000, 120000 and 600000 ms; tests shorten them, also while the
+    // thread runs (it reads them at each wait).
+    std::atomic<unsigned long> intervalsMs[3] = {30000, 120000, 600000};
 };
 
 }  // namespace zvs::zvlib::zvlog::msg

@@ -4,7 +4,7 @@
 // factory's state (zvlog/msg/MessageInternals.h through impl()): severities
 // and their actions, the process-wide actions, issue limits, and the
 // repetition intervals (repetition.intervalsMs), which a test may shorten
-// before the first message is held.
+// at any time; the repetition thread reads them at each wait.
 #pragma once
 
 #include <string>

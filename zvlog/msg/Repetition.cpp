@@ -57,13 +57,14 @@ unsigned int repetitionThread(void* argument) {
     Repetition& r = factory.repetition;
     for (;;) {
         // A new held message restarts the cycle: 30 s, 2 min, then every 10.
-        unsigned long interval = r.intervalsMs[0];
+        auto intervalMs = [&r](int i) { return r.intervalsMs[i].load(std::memory_order_relaxed); };
+        unsigned long interval = intervalMs(0);
         while (!r.wake.wait(interval)) {
             {
                 MutexLock lock(r.lock);
                 emitRepetitionReport(factory);
             }
-            interval = interval <= r.intervalsMs[0] ? r.intervalsMs[1] : r.intervalsMs[2];
+            interval = interval <= intervalMs(0) ? intervalMs(1) : intervalMs(2);
         }
         if (stopRequested(r)) break;
     }
