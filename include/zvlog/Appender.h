@@ -14,6 +14,8 @@
 
 namespace zvs::zvlib::zvlog {
 
+void restartAsyncDeliveryInChild();
+
 class ZVLOG_API Appender {
 public:
     enum DeliveryMode : unsigned int { DELIVERY_DIRECT = 0, DELIVERY_RAW = 1 };
@@ -70,6 +72,7 @@ protected:
     MultiThreading::Mutex& mutex() { return mutex_; }
 
 private:
+    friend void restartAsyncDeliveryInChild();
     struct AsyncQueue;
     struct AsyncState {
         std::atomic<bool> on{false};

@@ -4,6 +4,7 @@
 #include <cinttypes>
 #include <cstring>
 #include <mutex>
+#include <new>
 #include <vector>
 
 #include "zvlog/Logger.h"
@@ -216,6 +217,26 @@ void Appender::setAsynchronous(bool on) {
         // Events that arrived after the thread's last pass are discarded.
         std::lock_guard<QueueLock> lock(q->lock);
         q->discardAll();
+    }
+}
+
+// In a child forked without exec, an asynchronous appender's delivery thread
+// is gone. What it had queued are the parent's events, which the parent
+// writes: the child drops them. The queue's lock and signals may have been in
+// use by threads that the child does not have, so they start afresh, and so
+// does the thread. The child has one thread here: no lock is needed, and none
+// could be trusted.
+void restartAsyncDeliveryInChild() {
+    for (Appender* a : registry().appenders) {
+        if (!a->async_.on.load(std::memory_order_relaxed)) continue;
+        Appender::AsyncQueue* q = a->async_.queue;
+        new (&q->lock) QueueLock();
+        new (&q->stop) MultiThreading::Event(MultiThreading::Event::ManualReset);
+        new (&q->wake) MultiThreading::Event(MultiThreading::Event::AutoReset);
+        q->discardIncoming();
+        q->working.clear();
+        q->thread = new Thread(&Appender::deliveryThread, "LogAppenderThread");
+        q->thread->Start(a);
     }
 }
 
