@@ -34,7 +34,8 @@ public:
 
     static Appender* findAppender(const char* name);
     static const std::vector<Appender*>& getAllAppenders();
-    // Asks the event buffer to deliver the calling thread's pending events now.
+    // Delivers the pending events of every thread's event buffer now: the
+    // blocks that hold events go to the raw appenders and the dump.
     static void flushOutput();
 
     const char* getName() const { return name_.c_str(); }

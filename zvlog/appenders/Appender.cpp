@@ -77,11 +77,13 @@ const std::vector<Appender*>& Appender::getAllAppenders() { return registry().ap
 
 void Appender::flushOutput() {
     ThreadRecord* r = peekThreadRecord();
-    if (r && r->buffer && r->depth == 0) {
-        ++r->depth;  // what the flush delivers may not log back into this buffer
+    if (r && insideLogging(r)) return;  // from inside an appender: the caller's event is not whole yet
+    if (r && r->buffer) {
+        enterLogging(r);  // what the flush delivers may not log back into this buffer
         r->buffer->flush();
-        --r->depth;
+        leaveLogging(r);
     }
+    flushOtherThreadBuffers();
 }
 
 void Appender::setName(const char* name) { name_ = name ? name : ""; }
@@ -177,7 +179,7 @@ unsigned int Appender::deliveryThread(void* self) {
     // Appends on this thread count as being inside a logging call, as they do
     // for direct delivery: whatever an appender logs is dropped.
     ThreadRecord* record = currentThreadRecord();
-    if (record) ++record->depth;
+    if (record) enterLogging(record);
     for (;;) {
         const bool stopping = q->awaitBatch();
         const size_t n = q->working.size();
@@ -186,7 +188,7 @@ unsigned int Appender::deliveryThread(void* self) {
         appender->countIssued(n);
         if (stopping) break;
     }
-    if (record) --record->depth;
+    if (record) leaveLogging(record);
     return 0;
 }
 

@@ -72,6 +72,7 @@ void LibraryState::phase2() {
     // A child forked without exec keeps logging with threads of its own.
     ::pthread_atfork(nullptr, nullptr, [] {
         if (ThreadRecord* r = peekThreadRecord()) r->osThreadId = MultiThreading::currentThreadId();
+        forgetOtherThreadsInChild();
         restartClockInChild();
         restartAsyncDeliveryInChild();
     });
