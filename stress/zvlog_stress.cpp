@@ -413,7 +413,8 @@ std::string fileTimeText(long long seconds) {
 }
 
 // The files of a round, oldest first.
-std::vector<FileEntry> roundFiles(const std::string& dir, Kind kind, int maxBackupIndex, CheckResult& result) {
+std::vector<FileEntry> roundFiles(const std::string& dir, const Round& round, int maxBackupIndex,
+                                  unsigned long long limit, size_t longestLine, CheckResult& result) {
     std::vector<FileEntry> files;
     std::vector<std::string> names;
     if (DIR* d = opendir(dir.c_str())) {
@@ -423,7 +424,7 @@ std::vector<FileEntry> roundFiles(const std::string& dir, Kind kind, int maxBack
     }
     std::sort(names.begin(), names.end());
     const std::string base = kLogName;
-    switch (kind) {
+    switch (round.kind) {
     case Kind::File:
         for (const std::string& n : names)
             if (n != base) result.problems.push_back("unexpected file " + n);
@@ -450,8 +451,28 @@ std::vector<FileEntry> roundFiles(const std::string& dir, Kind kind, int maxBack
             present[static_cast<size_t>(index)] = true;
             highest = std::max(highest, static_cast<int>(index));
         }
-        for (int i = 1; i < highest; ++i)
-            if (!present[static_cast<size_t>(i)]) result.problems.push_back("backup ." + std::to_string(i) + " missing");
+        // A roll while no live file exists still moves the backups up and
+        // leaves its slot empty. Only the starts of a truncating round roll
+        // without a file, all before the first record: there an empty slot
+        // may lie below the empty backups of those starts, nowhere else.
+        bool olderHoldRecords = false;
+        for (int i = highest; i >= 1; --i) {
+            const size_t at = static_cast<size_t>(i);
+            if (present[at]) {
+                struct stat st;
+                const std::string path = dir + "/" + base + "." + std::to_string(i);
+                if (stat(path.c_str(), &st) == 0 && st.st_size > 0) {
+                    olderHoldRecords = true;
+                    // A roll happens when the next record would pass the
+                    // limit: a shorter backup was rolled twice at once.
+                    if (static_cast<unsigned long long>(st.st_size) + longestLine < limit)
+                        result.problems.push_back("backup ." + std::to_string(i) + " rolled early at " +
+                                                  std::to_string(st.st_size) + " bytes");
+                }
+            } else if (round.append || olderHoldRecords) {
+                result.problems.push_back("backup ." + std::to_string(i) + " missing");
+            }
+        }
         if (highest >= maxBackupIndex)
             result.problems.push_back("backup ." + std::to_string(maxBackupIndex) +
                                       " reached: backups may have been deleted (raise MaxBackupIndex)");
@@ -475,7 +496,9 @@ std::vector<FileEntry> roundFiles(const std::string& dir, Kind kind, int maxBack
     return files;
 }
 
-CheckResult checkRound(const std::string& dir, const Round& round, int processes, long records, int maxBackupIndex) {
+CheckResult checkRound(const std::string& dir, const Round& round, int processes, long records, int maxBackupIndex,
+                       unsigned long long limit) {
+    const size_t longestLine = maxLineLength(processes, records);
     CheckResult result;
     result.writers.resize(static_cast<size_t>(processes));
     std::vector<std::vector<uint8_t>> seen(static_cast<size_t>(processes),
@@ -498,7 +521,7 @@ CheckResult checkRound(const std::string& dir, const Round& round, int processes
         }
     };
 
-    const std::vector<FileEntry> files = roundFiles(dir, round.kind, maxBackupIndex, result);
+    const std::vector<FileEntry> files = roundFiles(dir, round, maxBackupIndex, limit, longestLine, result);
     result.files = files.size();
     std::string text, scratch;
     for (const FileEntry& f : files) {
@@ -751,7 +774,7 @@ RoundOutcome runRound(const Options& o, const Round& round) {
     out.seconds = secondsSince(go_time);
     if (readyCount < o.processes) out.note = std::to_string(o.processes - readyCount) + " writer(s) never got ready";
 
-    const CheckResult check = checkRound(dir, round, o.processes, o.records, backups);
+    const CheckResult check = checkRound(dir, round, o.processes, o.records, backups, limit);
     out.files = check.files;
     out.largest = check.largest;
 
