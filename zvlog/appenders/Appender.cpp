@@ -265,18 +265,26 @@ void Appender::appendSummary(std::string& text) {
 }
 
 // A closed block goes to every enabled raw-mode appender attached to any
-// logger, once each.
+// logger, once each. Each logger's appenders are called under that logger's
+// lock, as single events are: once removeAppender has returned, the appender
+// is never called again from here, and its owner may delete it.
 void deliverRawBlock(const unsigned char* stream, uint32_t length, uint32_t eventCount) {
     if (!LibraryState::initialized()) return;
-    std::vector<Appender*> targets;
+    std::vector<Appender*> delivered;
     for (Logger* logger : Logger::getRepository()->getCurrentLoggers()) {
         if (!logger->isAttached()) continue;
-        for (Appender* a : logger->getAllAppenders())
-            if (a->isEnabled() && a->getDeliveryMode() == Appender::DELIVERY_RAW &&
-                std::find(targets.begin(), targets.end(), a) == targets.end())
-                targets.push_back(a);
+        Mutex& m = logger->mutex();
+        const bool take = !m.heldByCurrentThread();  // a configuration holds every logger's lock
+        if (take) m.lock();
+        for (Appender* a : logger->getAllAppenders()) {
+            if (!a->isEnabled() || a->getDeliveryMode() != Appender::DELIVERY_RAW ||
+                std::find(delivered.begin(), delivered.end(), a) != delivered.end())
+                continue;
+            delivered.push_back(a);
+            a->deliverRaw(stream, length, eventCount);
+        }
+        if (take) m.unlock();
     }
-    for (Appender* a : targets) a->deliverRaw(stream, length, eventCount);
 }
 
 }  // namespace zvs::zvlib::zvlog
