@@ -212,19 +212,6 @@ TEST_F(FileAppenderTest, ASecondRollerDoesNotRollAgain) {
     EXPECT_FALSE(fs::exists(path("log.2")));
 }
 
-// Without Append each start rolls the shared file; a writer that follows
-// into the new file never truncates what the roller already put there.
-TEST_F(FileAppenderTest, FollowingARollNeverTruncates) {
-    RollingFileAppender first("first"), second("second");
-    configure(first, "log", false, 0);
-    configure(second, "log", false, 0);
-    write(first, "first 1\r\n");
-    write(second, "second 1\r\n");  // its start rolled "first 1" to log.1
-    write(first, "first 2\r\n");
-    EXPECT_EQ(readFile(path("log.1")), "first 1\r\n");
-    EXPECT_EQ(readFile(path("log")), "second 1\r\nfirst 2\r\n");
-}
-
 // Forks `count` children that wait until all are there, runs body(k) in
 // child k at once in all of them, and waits for them: true when each exited
 // with status 0.
@@ -376,14 +363,20 @@ TEST_F(FileAppenderTest, RollShiftsBackupsAndGoesOnPastFailures) {
     EXPECT_EQ(readFile(path("log.1")), "live\n");
 }
 
-TEST_F(FileAppenderTest, WithoutAppendTheStartRollsThePreviousFileAway) {
+// Without Append each start rolls the shared file; a writer that follows
+// into the new file never truncates what the roller already put there.
+TEST_F(FileAppenderTest, WithoutAppendEachStartRollsTheFileAndAFollowerNeverTruncates) {
     put("log", "previous run\n");
-    RollingFileAppender a("restart");
-    configure(a, "log", false);
-    write(a, "this run\r\n");
-    a.close();
+    RollingFileAppender first("first"), second("second");
+    configure(first, "log", false, 0);
+    configure(second, "log", false, 0);
+    write(first, "first 1\r\n");
     EXPECT_EQ(readFile(path("log.1")), "previous run\n");
-    EXPECT_EQ(readFile(path("log")), "this run\r\n");
+    write(second, "second 1\r\n");  // its start rolled "first 1" to log.1
+    write(first, "first 2\r\n");
+    EXPECT_EQ(readFile(path("log.1")), "first 1\r\n");
+    EXPECT_FALSE(fs::exists(path("log.2"))) << "one backup unless told otherwise";
+    EXPECT_EQ(readFile(path("log")), "second 1\r\nfirst 2\r\n");
 
     // Backup index 0: log.0 is deleted, nothing is renamed, log is truncated.
     put("log.0", "zero\n");
@@ -396,7 +389,7 @@ TEST_F(FileAppenderTest, WithoutAppendTheStartRollsThePreviousFileAway) {
     z.reset();  // rolls
     write(z, "y\r\n");
     EXPECT_EQ(readFile(path("log")), "y\r\n");
-    EXPECT_EQ(readFile(path("log.1")), "previous run\n");
+    EXPECT_EQ(readFile(path("log.1")), "first 1\r\n");
 }
 
 // 100-byte records against a 4000-byte limit: a file takes exactly 40; with a
