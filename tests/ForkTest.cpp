@@ -9,6 +9,7 @@
 #include <chrono>
 #include <thread>
 
+#include "support/Sanitizer.h"
 #include "zvlog/Appender.h"
 #include "zvlog/Log.h"
 #include "zvlog/Logger.h"
@@ -63,6 +64,10 @@ TEST(Fork, ChildClockMovesOn) {
 }
 
 TEST(Fork, AsynchronousAppenderDeliversTheChildsEventsOnly) {
+    // The child starts two threads; glibc hands the first the stack, and so
+    // the id, of a parent thread that ThreadSanitizer still counts as alive
+    // ("dup thread with used id"), and it stops the child.
+    ZVTEST_SKIP_UNDER_THREAD_SANITIZER("it cannot follow threads started in a child forked from a threaded process");
     Logger* logger = Logger::getRepository()->getLogger("fork.async");
     logger->setAdditivity(false);
     logger->setLevel(LEVEL_INFO);

@@ -50,6 +50,7 @@ void loadScenario() {
     setrlimit(RLIMIT_CORE, &noCore);
     CMessage* marker = CMessageFactory::GetDefaultFactory()->CreateMessage(nullptr, 10000099);
     printf("marker=%s\n", marker ? marker->Format() : "<none>");
+    delete marker;
     printf("datapath=%s\n", u_getDataDirectory());
     printf("dirs=%s|%s|%s\n", appText(DirProcessLib).c_str(), appText(ProcessExecutableDir).c_str(),
            appText(ProcessWorkingDir).c_str());

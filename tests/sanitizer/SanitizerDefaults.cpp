@@ -7,6 +7,9 @@
 // so does the library for its own build: the program's definitions take the
 // library's place by design. AddressSanitizer's strictest one-definition check
 // reports any such pair; level 1 still reports a pair whose sizes differ.
+//
+// A child forked without exec gets the library's threads again, which
+// ThreadSanitizer allows only with die_after_fork=0.
 
 extern "C" {
 
@@ -19,7 +22,7 @@ __attribute__((visibility("default"), used)) const char* __ubsan_default_options
 }
 
 __attribute__((visibility("default"), used)) const char* __tsan_default_options() {
-    return "halt_on_error=1:second_deadlock_stack=1:print_stacktrace=1:atexit_sleep_ms=50";
+    return "halt_on_error=1:second_deadlock_stack=1:print_stacktrace=1:die_after_fork=0:atexit_sleep_ms=50";
 }
 
 }

@@ -42,3 +42,10 @@ inline void noteLeftOut(const char* what, const char* why) {
     do {                                                                          \
         if (::zvtest::kSanitizer) GTEST_SKIP() << "under " << ::zvtest::kSanitizer << ": " << (reason); \
     } while (0)
+
+// Skips the whole test under ThreadSanitizer only, with the reason.
+#if defined(__SANITIZE_THREAD__)
+#define ZVTEST_SKIP_UNDER_THREAD_SANITIZER(reason) GTEST_SKIP() << "under ThreadSanitizer: " << (reason)
+#else
+#define ZVTEST_SKIP_UNDER_THREAD_SANITIZER(reason) static_cast<void>(0)
+#endif

@@ -89,7 +89,8 @@ void flushOtherThreadBuffers() {
         std::lock_guard<std::mutex> lock(all.mutex);
         std::vector<ThreadRecord*> pending;
         for (ThreadRecord* r : all.list)
-            if (r != self && r->buffer) pending.push_back(r);
+            if (r != self && std::atomic_ref<LogBufferImpl*>(r->buffer).load(std::memory_order_acquire))
+                pending.push_back(r);
         if (pending.empty()) return;
         for (ThreadRecord* r : pending) r->flushClaim.store(true, std::memory_order_relaxed);
         const bool ordered = processWideBarrier();
@@ -143,8 +144,11 @@ ThreadRecord* createThreadRecord() {
 ThreadRecord* peekThreadRecord() { return tlsThreadRecord; }
 
 LogBufferImpl* createThreadBuffer(ThreadRecord* record) {
-    record->buffer = new LogBufferImpl(record);
-    return record->buffer;
+    auto* buffer = new LogBufferImpl(record);
+    // A flush of every thread's buffers reads the pointer on its own thread,
+    // and then uses the buffer: it must see it whole.
+    std::atomic_ref<LogBufferImpl*>(record->buffer).store(buffer, std::memory_order_release);
+    return buffer;
 }
 
 Logger::LoggingRecursionCheck::LoggingRecursionCheck() : buffer_(nullptr), savedErrno_(errno) {

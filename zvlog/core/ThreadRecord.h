@@ -22,7 +22,9 @@ struct ThreadRecord {
     std::atomic<bool> flushClaim{false};
     int savedErrno = 0;
     std::string name;
-    LogBufferImpl* buffer = nullptr;  // created on the thread's first event
+    // Created on the thread's first event. Set once by the thread (a release
+    // store), which reads it plainly; other threads load it with acquire.
+    LogBufferImpl* buffer = nullptr;
 };
 
 ZVLOG_API void waitWhileFlushed(ThreadRecord* record);
