@@ -157,6 +157,40 @@ TEST(BinaryReaderByteOrder, BigEndianStreamIsSwapped) {
     EXPECT_EQ(a[11].toString(), "text");
 }
 
+// Whatever a stream holds, reading and rendering it neither throws nor
+// overflows: a zero-padded conversion whose precision cuts into the sign or
+// the "0x", and float arguments far outside any integer's range.
+TEST(BinaryReaderHostileValues, RenderAndConvertWithoutFault) {
+    auto bits = [](float f) { return std::bit_cast<uint32_t>(f); };
+    StreamBuilder b;
+    b.header().thread(1, 100, "main").site(9, 1, 3, "[%05.0d][%05.1p][%3.0d]").logger(0, 191, "root");
+    b.u8('j').u32(static_cast<uint32_t>(-5)).u8('p').u64(1).u8('j').u32(static_cast<uint32_t>(-7));
+    b.site(10, 1, 5, "%d").logger(0, 191, "root");
+    b.u8('f').u32(bits(1e30f)).u8('f').u32(bits(-1e30f)).u8('f').u32(bits(__builtin_nanf(""))).u8('f').u32(
+        bits(1e19f)).u8('f').u32(bits(-2.75f)).u8('>');
+    DecodeResult r = decode(b);
+    ASSERT_TRUE(r.ok()) << r.errors[0];
+    ASSERT_EQ(r.events.size(), 2u);
+
+    LocationRecord site;
+    LoggingEvent replayed;
+    toLoggingEvent(r.events[0], site, replayed);
+    std::string text;
+    renderMessage(&replayed, text);
+    EXPECT_EQ(text, "[00000][00000][   ]");
+
+    const auto& f = r.events[1].arguments;
+    ASSERT_EQ(f.size(), 5u);
+    EXPECT_EQ(f[0].asInt(), INT64_MAX);
+    EXPECT_EQ(f[0].asUInt(), UINT64_MAX);
+    EXPECT_EQ(f[1].asInt(), INT64_MIN);
+    EXPECT_EQ(f[2].asInt(), 0);
+    EXPECT_EQ(f[2].asUInt(), 0u);
+    EXPECT_EQ(f[3].asInt(), INT64_MAX);
+    EXPECT_EQ(f[3].asUInt(), 9999999980506447872ull);  // 1e19f exactly
+    EXPECT_EQ(f[4].asInt(), -2);
+}
+
 TEST(BinaryReaderTokens, InvalidTokensAreReportedWithTheirOffset) {
     {
         StreamBuilder b = goodStream();

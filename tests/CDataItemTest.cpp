@@ -5,6 +5,7 @@
 #include <climits>
 #include <cstdlib>
 #include <cstring>
+#include <new>
 #include <string>
 #include <vector>
 
@@ -42,6 +43,27 @@ TEST(CDataItem, ConstructorsFixTheTypeAndZeroThePayload) {
     EXPECT_EQ(CDataItem(&v).GetType(), CDataItem::TypeVector);
     CDataItem small(-1);
     for (int k = 4; k < 16; ++k) EXPECT_EQ(small.GetValue().raw[k], 0) << k;
+
+    // Made over memory full of garbage, a zero value of every type reads as
+    // false: no byte of the payload is left as it was.
+    alignas(CDataItem) unsigned char storage[sizeof(CDataItem)];
+    auto overGarbage = [&](auto value, const char* what) {
+        SCOPED_TRACE(what);
+        std::memset(storage, 0xA5, sizeof storage);
+        auto* item = new (storage) CDataItem(value);
+        EXPECT_FALSE(static_cast<bool>(*item));
+        for (unsigned char byte : item->GetValue().raw) EXPECT_EQ(byte, 0);
+        item->~CDataItem();
+    };
+    overGarbage(0, "int");
+    overGarbage(0u, "unsigned");
+    overGarbage(0LL, "long long");
+    overGarbage(0ULL, "unsigned long long");
+    overGarbage(false, "bool");
+    overGarbage(static_cast<const void*>(nullptr), "pointer");
+    overGarbage(static_cast<std::vector<CDataItem>*>(nullptr), "vector");
+    overGarbage(timespec{0, 0}, "timespec");
+    overGarbage(timeval{0, 0}, "timeval");
 }
 
 TEST(CDataItem, IntegerReadsConvertWithRangeChecks) {

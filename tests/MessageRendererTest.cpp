@@ -167,16 +167,35 @@ TEST(MessageRenderer, PointerIsSixteenLowerCaseDigits) {
               "0x000000000000000001|  0x0000000000000001|0x0000000000000001  |");
 }
 
-TEST(MessageRenderer, FloatsGoThroughPrintf) {
-    EventBuilder b("%f|%.2f|%8.3f|%-8.1f|%08.2f|%.0f|%e|%g|%E");
+// A float is printed by printf's "%<width>.<precision>f" whatever the
+// conversion character; flags do not reach it.
+TEST(MessageRenderer, FloatsGoThroughPrintfFixedNotation) {
+    EventBuilder b("%f|%.2f|%8.3f|%-8.1f|%08.2f|%.0f|%e|%g|%E|%10.1G|%a|%d|%s");
     b.f32(3.5f).f32(3.14159f).f32(3.14159f).f32(3.14159f).f32(-3.14159f).f32(2.5f).f32(1234.5f).f32(0.5f).f32(
-        1234.5f);
-    EXPECT_EQ(rendered(b.event()), "3.500000|3.14|   3.142|3.1     |-0003.14|2|1.234500e+03|0.5|1.234500E+03");
+        1234.5f).f32(-0.25f).f32(1.0f).f32(7.0f).f32(1e30f);
+    EXPECT_EQ(rendered(b.event()),
+              "3.500000|3.14|   3.142|     3.1|   -3.14|2|1234.500000|0.500000|1234.500000|      -0.2|1.000000|"
+              "7.000000|1000000015047466219876688855040.000000");
 
     // Widths beyond the renderer's stack buffer.
     EventBuilder wide("%100.1f|");
     wide.f32(1.25f);
     EXPECT_EQ(rendered(wide.event()), std::string(97, ' ') + "1.2|");
+}
+
+// Formats that compile but once threw out of the renderer or overflowed its
+// scanner: zero padding after a precision that cut away the sign or the
+// "0x", and widths or precisions of more digits than an int holds (they
+// saturate at 65536, one argument's largest size).
+TEST(MessageRenderer, HostileWidthsAndPrecisionsNeverFault) {
+    EventBuilder cut("[%05.0d][%05.1d][%05.1p][%05.2p][%05.3p][%-5.1p][%05.0x]");
+    cut.i32(-5).i32(-5).pointer(1).pointer(1).pointer(1).pointer(1).u32(0xab);
+    EXPECT_EQ(rendered(cut.event()), "[00000][-0000][00000][0x000][0x000][0    ][00000]");
+
+    EventBuilder huge("[%99999999999d][%.99999999999s][%-4294967296.2s]");
+    huge.i32(7).str("text").str("text");
+    const std::string text = rendered(huge.event());
+    EXPECT_EQ(text, "[" + std::string(65535, ' ') + "7][text][te" + std::string(65534, ' ') + "]");
 }
 
 TEST(MessageRenderer, WidthAndPrecisionOnStrings) {

@@ -111,7 +111,8 @@ public:
 
 private:
     void FreeValue();
-    void Clear() { value_ = Value{}; }
+    // All 16 bytes: a value-initialised union zeroes only its first member.
+    void Clear();
 
     bool owned_ = false;
     Type type_;

@@ -4,6 +4,10 @@
 
 namespace zvs::zvlib::zvlog::detail {
 
+// Widths and precisions saturate here, one argument's largest size, so that
+// no digit string can overflow them.
+inline constexpr int kMaxFieldWidth = 65536;
+
 struct ConversionSpec {
     bool leftAlign = false;
     bool zeroPad = false;
@@ -15,6 +19,11 @@ struct ConversionSpec {
 // p points just after a "%". Reads flags, width, precision and the length
 // modifiers L, l, h (and further "."), then the conversion character.
 // Returns the position after the conversion character.
+constexpr int accumulateDigit(int value, char digit) {
+    const int next = value * 10 + (digit - '0');
+    return next > kMaxFieldWidth ? kMaxFieldWidth : next;
+}
+
 constexpr const char* parseConversion(const char* p, ConversionSpec& spec) {
     if (*p == '-') {
         spec.leftAlign = true;
@@ -24,11 +33,11 @@ constexpr const char* parseConversion(const char* p, ConversionSpec& spec) {
         spec.zeroPad = true;
         ++p;
     }
-    while (*p >= '0' && *p <= '9') spec.width = spec.width * 10 + (*p++ - '0');
+    while (*p >= '0' && *p <= '9') spec.width = accumulateDigit(spec.width, *p++);
     if (*p == '.') {
         ++p;
         spec.precision = 0;
-        while (*p >= '0' && *p <= '9') spec.precision = spec.precision * 10 + (*p++ - '0');
+        while (*p >= '0' && *p <= '9') spec.precision = accumulateDigit(spec.precision, *p++);
     }
     while (*p == 'L' || *p == 'l' || *p == 'h' || *p == '.') ++p;
     spec.conversion = *p;

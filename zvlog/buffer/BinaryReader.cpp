@@ -423,6 +423,21 @@ T load(const std::string& data) {
     return value;
 }
 
+// A float argument read as an integer: truncated toward zero, saturated at
+// the integer's limits, NaN as 0. A plain cast of 1e30 is undefined.
+int64_t floatToInt(float f) {
+    if (!(f == f)) return 0;
+    if (f >= 0x1p63f) return INT64_MAX;
+    if (f < -0x1p63f) return INT64_MIN;
+    return static_cast<int64_t>(f);
+}
+
+uint64_t floatToUInt(float f) {
+    if (f >= 0x1p64f) return UINT64_MAX;
+    if (f >= 0x1p63f) return static_cast<uint64_t>(f);
+    return static_cast<uint64_t>(floatToInt(f));
+}
+
 }  // namespace
 
 int64_t DecodedArgument::asInt() const {
@@ -441,7 +456,7 @@ int64_t DecodedArgument::asInt() const {
     case ARG_POINTER:
         return load<int64_t>(data);
     case ARG_FLOAT:
-        return static_cast<int64_t>(load<float>(data));
+        return floatToInt(load<float>(data));
     default:
         return 0;
     }
@@ -451,8 +466,9 @@ uint64_t DecodedArgument::asUInt() const {
     switch (type) {
     case ARG_INT16:
     case ARG_INT32:
-    case ARG_FLOAT:
         return static_cast<uint64_t>(asInt());
+    case ARG_FLOAT:
+        return floatToUInt(load<float>(data));
     default:
         return type == ARG_UINT64 || type == ARG_POINTER ? load<uint64_t>(data) : static_cast<uint64_t>(asInt());
     }

@@ -22,6 +22,8 @@ inline int32_t nanosOf(const timespec& ts) { return static_cast<int32_t>(ts.tv_n
 
 // ---- construction ---------------------------------------------------------
 
+void CDataItem::Clear() { std::memset(&value_, 0, sizeof value_); }
+
 CDataItem::CDataItem(const char* s, bool own) : owned_(own), type_(TypeString) {
     Clear();
     value_.str = s;

@@ -7,11 +7,12 @@
 // What a conversion prints is decided by the argument's type code, not by the
 // conversion character: "%s" of an integer prints the number, "%d" of a text
 // prints the text. The conversion character only matters for integers
-// ("x", "X", "o", "c") and for the float style ("e", "E", "g", "G", "a", "A").
+// ("x", "X", "o", "c"); a float always prints in fixed notation.
 //
 // Width and precision then apply to the produced text, printf fashion:
 // - the precision cuts the text to its first `precision` bytes (never inside a
-//   UTF-8 character); for a float it is the number of fraction digits instead;
+//   UTF-8 character); for a float it is the number of fraction digits instead,
+//   and the width reaches printf as well;
 // - a shorter text is padded to the width: with "-" blanks follow it,
 //   otherwise zeros ("0") or blanks precede it. Zero padding goes after the
 //   sign of a negative decimal number and after the "0x" of a pointer.
@@ -41,8 +42,6 @@ namespace {
 using detail::ConversionSpec;
 
 constexpr const char* kTimeArgumentFormat = "%Y-%m-%d %a %Z %H:%M:%S";
-// Widths and precisions are clamped to this, one argument's largest size.
-constexpr int kMaxField = 65536;
 
 template <class T>
 T load(const void* p) {
@@ -103,22 +102,17 @@ void appendPointer(std::string& out, uint64_t v) {
     out.append(buf, sizeof buf);
 }
 
+// A float goes through printf as "%", the width, "." and the precision
+// (each only when given) and "f", whatever the conversion character: the
+// catalogued formats were written against that rule. Flags do not reach
+// printf, which pads a short number with blanks in front.
 void appendFloat(std::string& out, float value, const ConversionSpec& spec) {
-    char fmt[40];
+    char fmt[32];
     char* w = fmt;
     *w++ = '%';
-    if (spec.leftAlign) *w++ = '-';
-    if (spec.zeroPad) *w++ = '0';
     if (spec.width > 0) w += std::snprintf(w, 12, "%d", spec.width);
     if (spec.precision >= 0) w += std::snprintf(w, 13, ".%d", spec.precision);
-    switch (spec.conversion) {
-        case 'e': case 'E': case 'g': case 'G': case 'a': case 'A': case 'F':
-            *w++ = spec.conversion;
-            break;
-        default:
-            *w++ = 'f';
-            break;
-    }
+    *w++ = 'f';
     *w = '\0';
     const double d = value;
     char buf[64];
@@ -128,8 +122,8 @@ void appendFloat(std::string& out, float value, const ConversionSpec& spec) {
         out.append(buf, static_cast<size_t>(n));
         return;
     }
-    // Wide fields: print straight into the output (writing the terminator at
-    // out[size()] is allowed).
+    // Wide fields and large values: print straight into the output (writing
+    // the terminator at out[size()] is allowed).
     const size_t start = out.size();
     out.resize(start + static_cast<size_t>(n));
     std::snprintf(&out[start], static_cast<size_t>(n) + 1, fmt, d);
@@ -243,6 +237,8 @@ void applyWidthAndPrecision(std::string& out, size_t start, const ConversionSpec
     }
     const size_t len = out.size() - start;
     if (spec.width <= 0 || len >= static_cast<size_t>(spec.width)) return;
+    // The precision may have cut into the sign or the "0x" itself.
+    if (prefixLen > len) prefixLen = len;
     const size_t pad = static_cast<size_t>(spec.width) - len;
     if (spec.leftAlign) {
         out.append(pad, ' ');
@@ -407,8 +403,6 @@ bool putArgument(const LoggingEvent* event, unsigned index, ConversionSpec spec,
         }
         if (putDecimal(w, type, value, spec.conversion)) return false;
     }
-    if (spec.width < 0 || spec.width > kMaxField) spec.width = kMaxField;
-    if (spec.precision > kMaxField) spec.precision = kMaxField;
     std::string& out = w.string();
     const size_t start = out.size();
     appendArgument(out, type, value, spec);
