@@ -177,6 +177,9 @@ std::vector<Kind> declaredKinds(unsigned int number) {
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
+    // Message 1425 for missing arguments is issued and prints a line on
+    // standard output, very often in a run. libFuzzer reports on standard error.
+    ZVFUZZ_CHECK(freopen("/dev/null", "w", stdout) != nullptr);
     factory = CMessageFactory::GetDefaultFactory();
     ZVFUZZ_CHECK(factory != nullptr);
     icu::ResourceBundle* bundle = *factory;
