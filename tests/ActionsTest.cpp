@@ -12,6 +12,7 @@
 
 #include "support/CaptureAppender.h"
 #include "support/ChildProcess.h"
+#include "support/ConsoleText.h"
 #include "support/LoggerCapture.h"
 #include "zvlog/AppContext.h"
 #include "zvlog/ErrorContext.h"
@@ -60,21 +61,10 @@ private:
 };
 
 std::string issueCapturingStdout(const CMessage& message, bool expected, CActionAttribute mask = kAllActions) {
-    testing::internal::CaptureStdout();
-    const bool result = message.Issue(mask);
-    std::string out = testing::internal::GetCapturedStdout();
+    bool result = !expected;
+    const std::string out = zvtest::stdoutOf([&] { result = message.Issue(mask); });
     EXPECT_EQ(result, expected);
     return out;
-}
-
-// A time line of the legacy log: "\n<local time>  <level> <code>  <text>.\n".
-void expectLegacyLine(const std::string& out, const char* level, const std::string& text) {
-    std::smatch m;
-    ASSERT_TRUE(std::regex_match(out, m, std::regex("\n(\\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d)  (.*)\n")))
-        << out;
-    char expected[4096];
-    snprintf(expected, sizeof expected, "%-7s %9s  %s.", level, "QMR-01113", text.c_str());
-    EXPECT_EQ(m[2].str(), expected);
 }
 
 TEST(Actions, BindingTableGivesEachNameItsAttributeAndUnknownNamesNothing) {
@@ -145,11 +135,9 @@ TEST(Actions, LegacyActionsWriteTheirLevelToConsoleAndErrorLog) {
     for (const auto& row : rows) {
         LoggerCapture errorLog("zvserr.log", LEVEL_ALL);
         TestSeverity severity{row.action};
-        const std::string out = issueCapturingStdout(*message, true);
-        if (row.console)
-            expectLegacyLine(out, row.level, kText);
-        else
-            EXPECT_EQ(out, "");
+        char line[128];
+        snprintf(line, sizeof line, "\n<time>  %-7s QMR-01113  %s.\n", row.level, kText);
+        EXPECT_EQ(zvtest::withoutTimes(issueCapturingStdout(*message, true)), row.console ? line : "");
         auto events = errorLog.events();
         ASSERT_EQ(events.size(), 1u) << row.action;
         EXPECT_EQ(events[0].level, row.code);
@@ -348,15 +336,9 @@ TEST(Actions, StoreMessageAddsACopyToTheThreadsServiceMessages) {
 }
 
 TEST(Actions, ConsolePrintGrowsItsBufferAndCutsWhatExceedsTheLargest) {
-    const std::string medium(5000, 'm');
-    testing::internal::CaptureStdout();
-    zvs::zvlib::zvConsolePrint("<%s>", medium.c_str());
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "<" + medium + ">");
-
-    const std::string huge(2 * 1048576, 'h');
-    testing::internal::CaptureStdout();
-    zvs::zvlib::zvConsolePrint("<%s>\n", huge.c_str());
-    const std::string out = testing::internal::GetCapturedStdout();
+    const std::string medium(5000, 'm'), huge(2 * 1048576, 'h');
+    EXPECT_EQ(zvtest::stdoutOf([&] { zvs::zvlib::zvConsolePrint("<%s>", medium.c_str()); }), "<" + medium + ">");
+    const std::string out = zvtest::stdoutOf([&] { zvs::zvlib::zvConsolePrint("<%s>\n", huge.c_str()); });
     EXPECT_EQ(out.size(), 1048575u);
     EXPECT_EQ(out, "<" + std::string(1048571, 'h') + "...");
 }
@@ -390,26 +372,25 @@ TEST(ActionsProcess, EndRunsTheExitFunctionAndExitsWith12) {
 TEST(ActionsProcess, RecordMessageHandsTheMessageToTheRepositoryModuleWhenThereIsOne) {
     const std::string log = zvtest::temporaryPath("zvrepo-record");
     const std::string logVariable = "ZVREPO_TEST_LOG=" + log;
-    // Without the module (not on the search path): true, nothing recorded.
-    zvtest::ChildResult without = zvtest::runChild("record", {logVariable});
-    EXPECT_EQ(without.status, 0);
-    EXPECT_EQ(without.err, "Issue returned true\n");
-    EXPECT_EQ(zvtest::readFile(log), "");
-
     const std::string path = "LD_LIBRARY_PATH=" + zvtest::programDirectory();
-    zvtest::ChildResult with = zvtest::runChild("record", {logVariable, path});
-    EXPECT_EQ(with.status, 0);
-    EXPECT_EQ(with.err, "Issue returned true\n");
-    EXPECT_EQ(zvtest::readFile(log),
-              "ZVREPO_Enabled 0\nZVREPO_RecordMessage 1113 QMR-01113\n"
-              "ZVREPO_Enabled 0\nZVREPO_RecordMessage 1113 QMR-01113\n");
-    unlink(log.c_str());
-
-    // A module that says it is not enabled gets no message.
-    zvtest::ChildResult disabled = zvtest::runChild("record", {logVariable, path, "ZVREPO_TEST_DISABLED=1"});
-    EXPECT_EQ(disabled.err, "Issue returned true\n");
-    EXPECT_EQ(zvtest::readFile(log), "ZVREPO_Enabled 0\nZVREPO_Enabled 0\n");
-    unlink(log.c_str());
+    const std::string record = "ZVREPO_Enabled 0\nZVREPO_RecordMessage 1113 QMR-01113\n";
+    const struct {
+        std::vector<std::string> environment;
+        std::string log;
+    } runs[] = {
+        {{logVariable}, ""},  // the module is not on the search path
+        {{logVariable, path}, record + record},
+        // A module that says it is not enabled gets no message.
+        {{logVariable, path, "ZVREPO_TEST_DISABLED=1"}, "ZVREPO_Enabled 0\nZVREPO_Enabled 0\n"},
+    };
+    for (const auto& run : runs) {
+        SCOPED_TRACE(run.environment.back());
+        const zvtest::ChildResult child = zvtest::runChild("record", run.environment);
+        EXPECT_TRUE(child.succeeded());
+        EXPECT_EQ(child.err, "Issue returned true\n");
+        EXPECT_EQ(zvtest::readFile(log), run.log);
+        unlink(log.c_str());
+    }
 }
 
 // Last in the file: every other initializer of this file has run.

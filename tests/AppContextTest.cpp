@@ -10,6 +10,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <memory>
 #include <string>
 
 #include "support/ContextItems.h"
@@ -122,7 +123,7 @@ TEST(ProgramTable, DbmsRowsMatchByPrefixInTableOrder) {
     EXPECT_EQ(program("zvcapture", nullptr), "ZV Replicator Capture");
 }
 
-TEST(AppContext, IsOneContextWithBuildProcessAndFileSystemChildren) {
+TEST(AppContext, IsOneContextWithChildrenAndItsOwnItems) {
     CAppContext* app = getAppContext();
     ASSERT_NE(app, nullptr);
     EXPECT_EQ(getAppContext(), app);
@@ -136,22 +137,16 @@ TEST(AppContext, IsOneContextWithBuildProcessAndFileSystemChildren) {
     // Lookups reach the children: the build's and the process's items.
     EXPECT_EQ(itemText(*app, BuildApplication), "zvapply");
     EXPECT_EQ(itemNumber(*app, ProcessID), static_cast<unsigned long long>(getpid()));
-}
 
-TEST(AppContext, OwnItemsStartEmptyNormalAndAtConstructionTime) {
-    CAppContext* app = getAppContext();
+    // Its own: empty, operating normally, started at construction.
     timespec now{};
     std::timespec_get(&now, TIME_UTC);
-    const CContextItem* instance = app->GetItem(AppInstanceDescription);
-    ASSERT_NE(instance, nullptr);
     EXPECT_EQ(itemText(*app, AppInstanceDescription), "");
-    EXPECT_FALSE(instance->IsOwned());
-
+    EXPECT_FALSE(app->GetItem(AppInstanceDescription)->IsOwned());
     const CContextItem* normal = app->GetItem(AppOperatingNormally);
     ASSERT_NE(normal, nullptr);
     EXPECT_EQ(normal->GetType(), CDataItem::TypeBool);
     EXPECT_TRUE(static_cast<bool>(*normal));
-
     timespec start = itemTime(*app, AppStartTime);
     EXPECT_LE(start.tv_sec, now.tv_sec);
     EXPECT_GT(start.tv_sec, now.tv_sec - 600);
@@ -308,7 +303,10 @@ TEST(ProcessContext, TimesAndMemoryAreRecomputedOnLookup) {
 }
 
 TEST(SourceContext, CountsFourItemsAndMakesThemOnFirstLookup) {
-    CSourceContext source("zvlog/CDataItem", "", "SafeStrdup", 12);
+    errno = EACCES;  // its own operator new leaves errno alone
+    const std::unique_ptr<CSourceContext> owned(new CSourceContext("zvlog/CDataItem", "", "SafeStrdup", 12));
+    EXPECT_EQ(errno, EACCES);
+    CSourceContext& source = *owned;
     EXPECT_EQ(source.GetItemCount(false), 4u);
     EXPECT_EQ(source.GetItemCount(true), 4u);
     EXPECT_EQ(source.GetItemID(0), SourceModule);
@@ -352,14 +350,6 @@ TEST(SourceContext, ChildItemsStartAtIndexEight) {
     EXPECT_EQ(parent.GetItemID(12), 0u);
     // Lookups find the own items first.
     EXPECT_EQ(itemText(parent, SourceMethod), "parent");
-}
-
-TEST(SourceContext, HeapAllocationLeavesErrnoAlone) {
-    errno = EACCES;
-    CSourceContext* source = new CSourceContext("zvlog.std", "zvlog/zvlog", "f", 7);
-    EXPECT_EQ(errno, EACCES);
-    EXPECT_EQ(itemNumber(*source, SourceLine), 7u);
-    delete source;
 }
 
 namespace {

@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
-#include <map>
+#include <string>
 #include <thread>
 
 #include "support/CaptureAppender.h"
@@ -137,61 +137,34 @@ TEST(Appender, FindAppenderAndRegistryFollowConstructionAndDestruction) {
     EXPECT_EQ(Appender::getAllAppenders().size(), before);
 }
 
-TEST(AsyncAppender, EventsFromTwoThreadsAllArriveEachThreadInOrder) {
-    Logger* l = fresh("async.two");
-    CaptureAppender app("async-two");
+// Switched on twice, an appender has one delivery thread, named
+// "LogAppenderThread", that is gone once it is switched off. (Order and
+// counts of floods from several threads: AsyncAppenderTest.)
+TEST(AsyncAppender, OneNamedDeliveryThreadPerAppender) {
+    using zvs::zvlib::MultiThreading::ThreadList;
+    Logger* l = fresh("async.threads");
+    CaptureAppender app("async-threads");
+    const size_t before = ThreadList::size();
     app.setAsynchronous(true);
-    app.setAsynchronous(true);  // a second switch-on starts no second thread
+    app.setAsynchronous(true);
     EXPECT_TRUE(app.isAsynchronous());
+    EXPECT_EQ(ThreadList::size(), before + 1);
     l->addAppender(app);
-    constexpr int kPerThread = 20000;
-    auto producer = [&](const char* who) {
-        LoggerRepository::setThreadName(who);
-        for (int i = 0; i < kPerThread; ++i) ZVLOG_INFO(l, "%s %d", who, i);
-    };
-    std::thread t1(producer, "alpha"), t2(producer, "beta");
-    t1.join();
-    t2.join();
+    std::thread([l] { ZVLOG_INFO(l, "queued %d", 0); }).join();
+    ZVLOG_INFO(l, "queued %d", 1);
     app.setAsynchronous(false);
     app.setAsynchronous(false);  // already off: nothing happens
     EXPECT_FALSE(app.isAsynchronous());
-
-    auto events = app.events();
-    ASSERT_EQ(events.size(), 2u * kPerThread);
-    std::map<std::string, int> next;
-    for (const auto& e : events) {
-        EXPECT_EQ(e.threadName, "LogAppenderThread");
-        std::string who = e.message.substr(0, e.message.find(' '));
-        int n = std::stoi(e.message.substr(who.size() + 1));
-        EXPECT_EQ(n, next[who]) << who;
-        next[who] = n + 1;
+    EXPECT_EQ(ThreadList::size(), before);
+    const auto events = app.events();
+    ASSERT_EQ(events.size(), 2u);
+    for (int i = 0; i < 2; ++i) {
+        EXPECT_EQ(events[i].message, "queued " + std::to_string(i));
+        EXPECT_EQ(events[i].threadName, "LogAppenderThread");
     }
-    EXPECT_EQ(next["alpha"], kPerThread);
-    EXPECT_EQ(next["beta"], kPerThread);
-    EXPECT_EQ(app.getEventsIssued(), 2u * kPerThread);
+    EXPECT_EQ(l->getEventsLogged(), 2u);
+    EXPECT_EQ(app.getEventsIssued(), 2u);
     EXPECT_GE(app.getHighWaterMark(), 1u);
-
-    std::string report;
-    Logger::getRepository()->getSummaryReport(report);
-    std::string expectLogger = "  async.two (ALL)\r\n    Events logged: 40000\r\n    Events issued: 40000\r\n";
-    std::string expectAppender = "  async-two (ALL)\r\n    Events issued:   40000\r\n    Events filtered: 0\r\n";
-    EXPECT_NE(report.find(expectLogger), std::string::npos) << report;
-    EXPECT_NE(report.find(expectAppender), std::string::npos) << report;
-    l->removeAllAppenders();
-}
-
-TEST(AsyncAppender, OneDeliveryThreadPerAppender) {
-    Logger* l = fresh("async.threads");
-    CaptureAppender app("async-threads");
-    size_t before = zvs::zvlib::MultiThreading::ThreadList::size();
-    app.setAsynchronous(true);
-    app.setAsynchronous(true);
-    EXPECT_EQ(zvs::zvlib::MultiThreading::ThreadList::size(), before + 1);
-    l->addAppender(app);
-    ZVLOG_INFO(l, "queued");
-    app.setAsynchronous(false);
-    EXPECT_EQ(zvs::zvlib::MultiThreading::ThreadList::size(), before);
-    EXPECT_EQ(app.size(), 1u);
     l->removeAllAppenders();
 }
 

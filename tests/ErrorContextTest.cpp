@@ -82,7 +82,7 @@ protected:
 
 // ---- without messages -----------------------------------------------------
 
-TEST(ErrorContext, ANewContextHoldsTheFourErrorItemsAndNoMessage) {
+TEST(ErrorContext, ANewContextHoldsTheFourErrorItemsWhichSetItemReplacesWhole) {
     CErrorContext context;
     EXPECT_FALSE(context.GetDeleteWithParent());
     EXPECT_EQ(context.GetItemCount(false), 4u);
@@ -98,11 +98,8 @@ TEST(ErrorContext, ANewContextHoldsTheFourErrorItemsAndNoMessage) {
     EXPECT_EQ(context.Format(-1), nullptr);
     EXPECT_EQ(context.Format(0), nullptr);
     EXPECT_TRUE(context.Issue());  // nothing pending: nothing can fail
-}
 
-TEST(ErrorContext, SetItemAssignsTheWholeItemOrAddsOne) {
-    CErrorContext context;
-    CContextItem* code = context.GetItem(ErrOSErrorCode);
+    // SetItem assigns the whole item (its type too) or adds one.
     char text[] = "not a number";
     char* lvalue = text;  // the item keeps its own copy
     EXPECT_TRUE(context.SetItem(ErrOSErrorCode, CDataItem(lvalue)));
@@ -118,48 +115,48 @@ TEST(ErrorContext, SetItemAssignsTheWholeItemOrAddsOne) {
     EXPECT_EQ(static_cast<int>(*context.GetItem(ErrSQLErrorCode)), -1403);
 }
 
-TEST(ErrorContext, OSErrorTextGivesTheFailedCallsTextAndLeavesErrnoAlone) {
-    CErrorContext& context = CErrorContext::GetContext();
+TEST(ErrorContext, OSErrorTextAndItsItemLeaveErrnoAlone) {
     errno = 0;
     ASSERT_EQ(open("/nonexistent-zvlog-dir/file", O_RDONLY), -1);
     ASSERT_EQ(errno, ENOENT);
     EXPECT_EQ(CErrorContext::OSErrorCode(), static_cast<unsigned int>(ENOENT));
-    const char* text = context.OSErrorText();
-    EXPECT_STREQ(text, "No such file or directory");
+    EXPECT_STREQ(CErrorContext::GetContext().OSErrorText(), "No such file or directory");
     EXPECT_EQ(errno, ENOENT);
-    EXPECT_STREQ(context.OSErrorText(EACCES), "Permission denied");
+    EXPECT_STREQ(CErrorContext::GetContext().OSErrorText(EACCES), "Permission denied");
     EXPECT_EQ(errno, ENOENT);
-}
 
-TEST(ErrorContext, OSErrorTextItemFollowsTheCodeItemWhileItHoldsAString) {
+    // The text item follows the code item while it holds a string.
     CErrorContext context;
     context.SetItem(ErrOSErrorCode, CDataItem(static_cast<unsigned int>(EACCES)));
-    errno = EINTR;
     CContextItem* text = context.GetItem(ErrOSErrorText);
-    EXPECT_EQ(errno, EINTR);
+    EXPECT_EQ(errno, ENOENT);
     ASSERT_NE(text, nullptr);
     EXPECT_STREQ(static_cast<const char*>(*text), "Permission denied");
     EXPECT_FALSE(text->IsOwned());
-
     context.SetItem(ErrOSErrorText, CDataItem(7));
     text = context.GetItem(ErrOSErrorText);
     EXPECT_EQ(text->GetType(), CDataItem::TypeInt);
     EXPECT_EQ(static_cast<int>(*text), 7);
 }
 
-TEST(ErrorContext, EachThreadHasItsOwnContextPreservingErrno) {
+// The first use in a thread makes its context, which keeps errno and takes
+// the thread's pending messages with it.
+TEST(ErrorContext, EachThreadHasItsOwnContextThatEndsWithIt) {
     CErrorContext* mine = &CErrorContext::GetContext();
     EXPECT_EQ(&CErrorContext::GetContext(), mine);
     CErrorContext* theirs = nullptr;
     int errnoAfter = 0;
+    const int before = gSourcesDestroyed;
     std::thread([&] {
         errno = EBADF;
-        theirs = &CErrorContext::GetContext();  // the first use creates it
+        theirs = &CErrorContext::GetContext();
         errnoAfter = errno;
+        *theirs += makeMessage("/thread");
     }).join();
     EXPECT_NE(theirs, nullptr);
     EXPECT_NE(theirs, mine);
     EXPECT_EQ(errnoAfter, EBADF);
+    EXPECT_EQ(gSourcesDestroyed, before + 1);
 }
 
 // ---- the context of a message ---------------------------------------------
@@ -210,15 +207,6 @@ TEST(MessageContext, HoldsTimeDetailsAndItsChildrenInOrder) {
 
 // ---- with messages --------------------------------------------------------
 
-TEST(ErrorContextMessages, FormatPicksByIndexNewestForNegative) {
-    CErrorContext context;
-    context += makeMessage("/first");
-    context += makeMessage("/second");
-    EXPECT_STREQ(context.Format(-1), "Unable to create the directory /second: reason");
-    EXPECT_STREQ(context.Format(0), "Unable to create the directory /first: reason");
-    EXPECT_EQ(context.Format(2), nullptr);
-}
-
 TEST(ErrorContextMessages, HeldApplicationErrorIsAddedAsACopyAndClearDeletesBoth) {
     CErrorContext context;
     const int before = gSourcesDestroyed;
@@ -250,11 +238,11 @@ TEST(ErrorContextMessages, HeldApplicationErrorIsAddedAsACopyAndClearDeletesBoth
     EXPECT_EQ(gSourcesDestroyed, before + 3);
 }
 
-TEST(ErrorContextMessages, TransferMovesOwnershipInOrder) {
+TEST(ErrorContextMessages, TransferMovesOwnershipInOrderAndFormatPicksByIndexNewestForNegative) {
     CErrorContext from;
     CErrorContext to;
-    CMessage* a = makeMessage("/a");
-    CMessage* b = makeMessage("/b");
+    CMessage* a = makeMessage("/first");
+    CMessage* b = makeMessage("/second");
     from += a;
     from += b;
     to.Transfer(to);
@@ -263,12 +251,9 @@ TEST(ErrorContextMessages, TransferMovesOwnershipInOrder) {
     ASSERT_EQ(to.GetMessageCount(), 2u);
     EXPECT_EQ(to.GetMessage(0), a);
     EXPECT_EQ(to.GetMessage(1), b);
-}
-
-TEST(ErrorContextMessages, PendingMessagesEndWithTheirThread) {
-    const int before = gSourcesDestroyed;
-    std::thread([] { CErrorContext::GetContext() += makeMessage("/thread"); }).join();
-    EXPECT_EQ(gSourcesDestroyed, before + 1);
+    EXPECT_STREQ(to.Format(-1), "Unable to create the directory /second: reason");
+    EXPECT_STREQ(to.Format(0), "Unable to create the directory /first: reason");
+    EXPECT_EQ(to.Format(2), nullptr);
 }
 
 TEST_F(ErrorContextIssue, PassesRunFourTwoOneNewestFirstThenClear) {

@@ -1,7 +1,10 @@
 // File appenders: processes sharing and rolling one file, backups, the size
 // parser, time-rolled names, bare names, open failures, buffering, Append.
 #include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -209,17 +212,97 @@ TEST_F(FileAppenderTest, ASecondRollerDoesNotRollAgain) {
     EXPECT_FALSE(fs::exists(path("log.2")));
 }
 
-// Without Append each start rolls the shared file; a writer that follows
-// into the new file never truncates what the roller already put there.
-TEST_F(FileAppenderTest, FollowingARollNeverTruncates) {
-    RollingFileAppender first("first"), second("second");
-    configure(first, "log", false, 0);
-    configure(second, "log", false, 0);
-    write(first, "first 1\r\n");
-    write(second, "second 1\r\n");  // its start rolled "first 1" to log.1
-    write(first, "first 2\r\n");
-    EXPECT_EQ(readFile(path("log.1")), "first 1\r\n");
-    EXPECT_EQ(readFile(path("log")), "second 1\r\nfirst 2\r\n");
+// Forks `count` children that wait until all are there, runs body(k) in
+// child k at once in all of them, and waits for them: true when each exited
+// with status 0.
+template <class Body>
+bool runForkedAtOnce(int count, Body body) {
+    int go[2];
+    if (pipe(go) != 0) return false;
+    fflush(nullptr);
+    std::vector<pid_t> children;
+    for (int k = 0; k < count; ++k) {
+        const pid_t pid = fork();
+        if (pid == 0) {
+            close(go[1]);
+            char c;
+            while (read(go[0], &c, 1) > 0) {
+            }
+            body(k);
+            _exit(0);
+        }
+        if (pid > 0) children.push_back(pid);
+    }
+    close(go[0]);
+    close(go[1]);  // every child starts now
+    bool ok = static_cast<int>(children.size()) == count;
+    for (pid_t pid : children) {
+        int status = 0;
+        ok = waitpid(pid, &status, 0) == pid && WIFEXITED(status) && WEXITSTATUS(status) == 0 && ok;
+    }
+    return ok;
+}
+
+std::vector<std::string> sortedLines(const std::string& text) {
+    std::vector<std::string> lines;
+    for (size_t start = 0, end; start < text.size(); start = end + 2) {
+        end = text.find("\r\n", start);
+        if (end == std::string::npos) end = text.size();
+        lines.push_back(text.substr(start, end - start));
+    }
+    std::sort(lines.begin(), lines.end());
+    return lines;
+}
+
+// Children of fork() share the file their parent opened, and a lock taken
+// through it would be held by all of them at once: each roll locks through a
+// descriptor of its own, so exactly one child rolls and the others follow.
+TEST_F(FileAppenderTest, ForkedChildrenSharingTheParentsFileRollItOnce) {
+    RollingFileAppender a("inherited");
+    configure(a, "log", true, 0);
+    a.setMaxBackupIndex(2000);  // long rolls: they would overlap
+    write(a, "parent\r\n");
+    ASSERT_TRUE(runForkedAtOnce(4, [&](int k) {
+        a.rollOver();
+        write(a, "child " + std::to_string(k) + "\r\n");
+        a.close();
+    }));
+    EXPECT_EQ(readFile(path("log.1")), "parent\r\n");
+    EXPECT_FALSE(fs::exists(path("log.2")));
+    EXPECT_EQ(sortedLines(readFile(path("log"))),
+              (std::vector<std::string>{"child 0", "child 1", "child 2", "child 3"}));
+}
+
+// Processes starting without Append at once while no live file exists: the
+// first creates it and rolls under its lock, the others roll after it, so
+// the backups move up one roll at a time and none is overwritten.
+TEST_F(FileAppenderTest, StartsWithoutAppendAndWithoutALiveFileRollOneAtATime) {
+    constexpr int kOld = 200, kStarts = 4;
+    for (int i = 1; i <= kOld; ++i) put("log." + std::to_string(i), "old " + std::to_string(i) + "\n");
+    ASSERT_TRUE(runForkedAtOnce(kStarts, [&](int k) {
+        RollingFileAppender a("start");
+        configure(a, "log", false, 0);
+        a.setMaxBackupIndex(2000);
+        a.activateOptions();
+        write(a, "start " + std::to_string(k) + "\r\n");
+        a.close();
+    }));
+    // Oldest first: the old backups in their order, then the starts' records.
+    std::vector<std::string> old, records;
+    for (int i = 2000; i >= 0; --i) {
+        const std::string name = i == 0 ? path("log") : path("log." + std::to_string(i));
+        if (!fs::exists(name)) continue;
+        const std::string text = readFile(name);
+        if (text.rfind("old ", 0) == 0)
+            old.push_back(text);
+        else
+            for (const std::string& line : sortedLines(text)) records.push_back(line);
+    }
+    std::vector<std::string> expected;
+    for (int i = kOld; i >= 1; --i) expected.push_back("old " + std::to_string(i) + "\n");
+    EXPECT_EQ(old, expected);
+    std::sort(records.begin(), records.end());
+    EXPECT_EQ(records, (std::vector<std::string>{"start 0", "start 1", "start 2", "start 3"}));
 }
 
 TEST_F(FileAppenderTest, MaxFileSizeParsing) {
@@ -280,14 +363,20 @@ TEST_F(FileAppenderTest, RollShiftsBackupsAndGoesOnPastFailures) {
     EXPECT_EQ(readFile(path("log.1")), "live\n");
 }
 
-TEST_F(FileAppenderTest, WithoutAppendTheStartRollsThePreviousFileAway) {
+// Without Append each start rolls the shared file; a writer that follows
+// into the new file never truncates what the roller already put there.
+TEST_F(FileAppenderTest, WithoutAppendEachStartRollsTheFileAndAFollowerNeverTruncates) {
     put("log", "previous run\n");
-    RollingFileAppender a("restart");
-    configure(a, "log", false);
-    write(a, "this run\r\n");
-    a.close();
+    RollingFileAppender first("first"), second("second");
+    configure(first, "log", false, 0);
+    configure(second, "log", false, 0);
+    write(first, "first 1\r\n");
     EXPECT_EQ(readFile(path("log.1")), "previous run\n");
-    EXPECT_EQ(readFile(path("log")), "this run\r\n");
+    write(second, "second 1\r\n");  // its start rolled "first 1" to log.1
+    write(first, "first 2\r\n");
+    EXPECT_EQ(readFile(path("log.1")), "first 1\r\n");
+    EXPECT_FALSE(fs::exists(path("log.2"))) << "one backup unless told otherwise";
+    EXPECT_EQ(readFile(path("log")), "second 1\r\nfirst 2\r\n");
 
     // Backup index 0: log.0 is deleted, nothing is renamed, log is truncated.
     put("log.0", "zero\n");
@@ -300,7 +389,7 @@ TEST_F(FileAppenderTest, WithoutAppendTheStartRollsThePreviousFileAway) {
     z.reset();  // rolls
     write(z, "y\r\n");
     EXPECT_EQ(readFile(path("log")), "y\r\n");
-    EXPECT_EQ(readFile(path("log.1")), "previous run\n");
+    EXPECT_EQ(readFile(path("log.1")), "first 1\r\n");
 }
 
 // 100-byte records against a 4000-byte limit: a file takes exactly 40; with a

@@ -13,6 +13,7 @@
 
 #include "support/CaptureAppender.h"
 #include "support/ChildProcess.h"
+#include "support/ConsoleText.h"
 #include "support/LoggerCapture.h"
 #include "zvlog/AppContext.h"
 #include "zvlog/LegacyErrors.h"
@@ -42,110 +43,75 @@ public:
     explicit ErrorLogCapture(unsigned char level = LEVEL_ALL) : LoggerCapture("zvserr.log", level) {}
 };
 
-// The console line without its time, which is checked for form and nearness.
-std::string consoleLineWithoutTime(const std::string& out) {
+class NamedMainThread : public testing::Environment {
+    void SetUp() override { LoggerRepository::setThreadName(kThreadName); }
+};
+testing::Environment* const namedMainThread = testing::AddGlobalTestEnvironment(new NamedMainThread);
+
+// Each call's console line and error-log event (its text, empty for none, at
+// the level of the call's code); the error log's level and errno must not
+// matter.
+TEST(LegacyErrors, ConsoleLineAndErrorLogEventOfEachCall) {
+    const std::string logged = "QMR-01113  " + programString() + ", capture:  ";
+    const struct {
+        bool report;                // issueMessage, or issueMessageNoReport
+        unsigned char loggerLevel;  // of the error log
+        std::string text;
+        unsigned char code;
+        std::string console;  // after the time
+        std::string event;
+    } calls[] = {
+        {true, LEVEL_ALL, "Disk full. \n", 239, "ERROR   QMR-01113  Disk full.\n", "ERROR   " + logged + "Disk full."},
+        // Only the trailing run of blanks, line ends and full stops goes.
+        {true, LEVEL_ALL, "a. b .\n\n. ", 239, "ERROR   QMR-01113  a. b.\n", "ERROR   " + logged + "a. b."},
+        {true, LEVEL_ALL, "...", 239, "ERROR   QMR-01113  .\n", "ERROR   " + logged + "."},
+        {true, LEVEL_ALL, "level", 1, "INFO    QMR-01113  level.\n", "INFO    " + logged + "level."},
+        {true, LEVEL_ALL, "level", 191, "INFO    QMR-01113  level.\n", "INFO    " + logged + "level."},
+        {true, LEVEL_ALL, "level", 222, "INFO    QMR-01113  level.\n", "INFO    " + logged + "level."},
+        {true, LEVEL_ALL, "level", 223, "WARNING QMR-01113  level.\n", "WARNING " + logged + "level."},
+        {true, LEVEL_ALL, "level", 238, "WARNING QMR-01113  level.\n", "WARNING " + logged + "level."},
+        {true, LEVEL_ALL, "level", 254, "ERROR   QMR-01113  level.\n", "ERROR   " + logged + "level."},
+        {false, LEVEL_ALL, "quiet.", 223, "", "WARNING " + logged + "quiet."},
+        {true, LEVEL_WARN, "not logged", 191, "INFO    QMR-01113  not logged.\n", ""},
+        // The error log cuts at 2048 characters (here just after " ..") and
+        // strips again; the console keeps the whole text.
+        {true, LEVEL_ALL, std::string(2045, 'x') + " ..." + std::string(951, 'y'), 239,
+         "ERROR   QMR-01113  " + std::string(2045, 'x') + " ..." + std::string(951, 'y') + ".\n",
+         "ERROR   " + logged + std::string(2045, 'x') + "."},
+        {true, LEVEL_ALL, std::string(3000, 'z'), 239, "ERROR   QMR-01113  " + std::string(3000, 'z') + ".\n",
+         "ERROR   " + logged + std::string(2048, 'z') + "."},
+    };
+    for (const auto& call : calls) {
+        SCOPED_TRACE(call.text.substr(0, 20) + " " + std::to_string(call.code));
+        ErrorLogCapture log(call.loggerLevel);
+        int errnoAfter = 0;
+        const std::string out = zvtest::stdoutOf([&] {
+            errno = EAGAIN;
+            (call.report ? issueMessage : issueMessageNoReport)(1113, "QMR-01113", call.text.c_str(), call.code);
+            errnoAfter = errno;
+        });
+        EXPECT_EQ(errnoAfter, EAGAIN);
+        EXPECT_EQ(zvtest::withoutTimes(out), call.console.empty() ? "" : "\n<time>  " + call.console);
+        const std::vector<zvtest::CapturedEvent> events = log.events();
+        ASSERT_EQ(events.size(), call.event.empty() ? 0u : 1u);
+        if (events.empty()) continue;
+        EXPECT_EQ(events[0].message, call.event);
+        EXPECT_EQ(events[0].level, call.code);
+        EXPECT_EQ(log.locations(), std::vector<std::string>{"zvlog/LegacyErrorHandling|logMessage|240"});
+    }
+}
+
+TEST(LegacyErrors, TheConsoleLineCarriesTheLocalTimeOfTheCall) {
+    const std::string out = zvtest::stdoutOf([] { issueMessage(1113, "QMR-01113", "now", 239); });
     std::smatch m;
-    if (!std::regex_match(out, m, std::regex("\n(\\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d)  ([\\s\\S]*)"))) return "<" + out + ">";
+    ASSERT_TRUE(std::regex_match(out, m, std::regex("\n(\\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d)  ERROR   QMR-01113  now\\.\n")))
+        << out;
     tm parts{};
     strptime(m[1].str().c_str(), "%Y-%m-%d %H:%M:%S", &parts);
     parts.tm_isdst = -1;
     const double age = difftime(time(nullptr), mktime(&parts));
     EXPECT_LE(age, 5.0);
     EXPECT_GE(age, -1.0);
-    return m[2].str();
-}
-
-std::string issueCapturingStdout(unsigned int number, const char* code, const std::string& text, unsigned char level) {
-    testing::internal::CaptureStdout();
-    issueMessage(number, code, text.c_str(), level);
-    return testing::internal::GetCapturedStdout();
-}
-
-class NamedMainThread : public testing::Environment {
-    void SetUp() override { LoggerRepository::setThreadName(kThreadName); }
-};
-testing::Environment* const namedMainThread = testing::AddGlobalTestEnvironment(new NamedMainThread);
-
-TEST(LegacyErrors, IssueMessageStripsTheTextAndWritesConsoleLineAndErrorLogEvent) {
-    ErrorLogCapture log;
-    const std::string out = issueCapturingStdout(1113, "QMR-01113", "Disk full. \n", 239);
-    EXPECT_EQ(consoleLineWithoutTime(out), "ERROR   QMR-01113  Disk full.\n");
-    auto events = log.events();
-    ASSERT_EQ(events.size(), 1u);
-    EXPECT_EQ(events[0].message, "ERROR   QMR-01113  " + programString() + ", capture:  Disk full.");
-    EXPECT_EQ(events[0].level, 239);
-    EXPECT_EQ(log.locations(), std::vector<std::string>{"zvlog/LegacyErrorHandling|logMessage|240"});
-
-    // Only the trailing run goes; blanks and full stops inside stay.
-    EXPECT_EQ(consoleLineWithoutTime(issueCapturingStdout(7, "QMR-00007", "a. b .\n\n. ", 239)),
-              "ERROR   QMR-00007  a. b.\n");
-    EXPECT_EQ(consoleLineWithoutTime(issueCapturingStdout(7, "QMR-00007", "...", 239)), "ERROR   QMR-00007  .\n");
-}
-
-TEST(LegacyErrors, LevelCodesAreNamedAndLoggedAtTheirOwnLevel) {
-    const struct {
-        unsigned char code;
-        const char* name;
-    } rows[] = {{1, "INFO"},     {191, "INFO"},   {222, "INFO"},   {223, "WARNING"},
-                {238, "WARNING"}, {239, "ERROR"}, {254, "ERROR"}};
-    for (const auto& row : rows) {
-        ErrorLogCapture log;
-        const std::string out = issueCapturingStdout(1113, "QMR-01113", "level", row.code);
-        char expected[64];
-        snprintf(expected, sizeof expected, "%-7s QMR-01113  level.\n", row.name);
-        EXPECT_EQ(consoleLineWithoutTime(out), expected) << int(row.code);
-        auto events = log.events();
-        ASSERT_EQ(events.size(), 1u);
-        EXPECT_EQ(events[0].level, row.code);
-        EXPECT_EQ(events[0].message.substr(0, 8), std::string(expected).substr(0, 8));
-    }
-}
-
-TEST(LegacyErrors, NoReportWritesOnlyTheErrorLogAndADisabledLoggerNothing) {
-    {
-        ErrorLogCapture log;
-        testing::internal::CaptureStdout();
-        issueMessageNoReport(1113, "QMR-01113", "quiet.", 223);
-        EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
-        auto events = log.events();
-        ASSERT_EQ(events.size(), 1u);
-        EXPECT_EQ(events[0].message, "WARNING QMR-01113  " + programString() + ", capture:  quiet.");
-    }
-    {
-        ErrorLogCapture log(LEVEL_WARN);
-        const std::string out = issueCapturingStdout(1113, "QMR-01113", "not logged", 191);
-        EXPECT_EQ(consoleLineWithoutTime(out), "INFO    QMR-01113  not logged.\n");
-        EXPECT_TRUE(log.events().empty());
-    }
-}
-
-TEST(LegacyErrors, ErrorLogCutsLongTextsTo2048CharactersAndStripsAgain) {
-    ErrorLogCapture log;
-    // The cut falls just after " ..": the logged text ends with the x's.
-    const std::string text = std::string(2045, 'x') + " ..." + std::string(951, 'y');
-    ASSERT_EQ(text.size(), 3000u);
-    const std::string out = issueCapturingStdout(1113, "QMR-01113", text, 239);
-    EXPECT_EQ(consoleLineWithoutTime(out), "ERROR   QMR-01113  " + text + ".\n");
-    auto events = log.events();
-    ASSERT_EQ(events.size(), 1u);
-    EXPECT_EQ(events[0].message, "ERROR   QMR-01113  " + programString() + ", capture:  " + std::string(2045, 'x') + ".");
-
-    const std::string plain(3000, 'z');
-    issueCapturingStdout(1113, "QMR-01113", plain, 239);
-    events = log.events();
-    ASSERT_EQ(events.size(), 2u);
-    EXPECT_EQ(events[1].message, "ERROR   QMR-01113  " + programString() + ", capture:  " + std::string(2048, 'z') + ".");
-}
-
-TEST(LegacyErrors, ErrnoSurvivesIssueMessage) {
-    ErrorLogCapture log;
-    errno = EAGAIN;
-    testing::internal::CaptureStdout();
-    issueMessage(1113, "QMR-01113", "errno", 239);
-    issueMessageNoReport(1113, "QMR-01113", "errno", 239);
-    const int after = errno;
-    testing::internal::GetCapturedStdout();
-    EXPECT_EQ(after, EAGAIN);
 }
 
 TEST(LegacyErrors, ZVExceptionKeepsItsFieldsAndLogsOnceWhenMade) {
@@ -212,48 +178,42 @@ void scenarioUnnamedThread() {
     for (const auto& l : log.locations()) fprintf(stderr, "%s\n", l.c_str());
 }
 
-std::string fatalLine(const std::string& out) { return consoleLineWithoutTime(out); }
-
 const std::string kFatalCallbacks = std::string("debug hook\nidl ") + kFatalText + "\nvam\nfatal 1113 " + kFatalText + "\n";
-const char* const k1668 = "ERROR   QMR-01668  The process is ending because of a fatal error.\n";
+const std::string k1668 = "\n<time>  ERROR   QMR-01668  The process is ending because of a fatal error.\n";
 
-TEST(LegacyErrorsProcess, FatalActionReturnGoesBackToTheCallerAndCallsIdlAndVamOnlyOnce) {
+// Each fatal-error action in a child: its status, standard error (the
+// callbacks), the console lines and what the repository module heard.
+TEST(LegacyErrorsProcess, FatalErrorActions) {
     const std::string log = zvtest::temporaryPath("zvrepo-fatal");
-    zvtest::ChildResult child = zvtest::runChild(
-        "return", {"ZVREPO_TEST_LOG=" + log, "LD_LIBRARY_PATH=" + zvtest::programDirectory()});
-    EXPECT_TRUE(child.exited);
-    EXPECT_EQ(child.status, 0);
-    EXPECT_EQ(child.err, kFatalCallbacks + "Issue returned false\n" + "debug hook\nfatal 1113 " + kFatalText +
-                             "\nIssue returned false\n");
-    // Message 1668 each time.
-    const size_t second = child.out.find("\n", 1);
-    ASSERT_NE(second, std::string::npos);
-    EXPECT_EQ(fatalLine(child.out.substr(0, second + 1)), k1668);
-    EXPECT_EQ(fatalLine(child.out.substr(second + 1)), k1668);
-    const char* const repository = "ZVREPO_Enabled 0\nZVREPO_SetProcessState 8\nZVREPO_Shutdown\n";
-    EXPECT_EQ(zvtest::readFile(log), std::string(repository) + repository);
-    unlink(log.c_str());
-}
-
-TEST(LegacyErrorsProcess, FatalActionExitCallsTheExitFunctionWith1AndExitsWith1) {
-    const std::string log = zvtest::temporaryPath("zvrepo-fatal");
-    zvtest::ChildResult child = zvtest::runChild(
-        "exit", {"ZVREPO_TEST_LOG=" + log, "LD_LIBRARY_PATH=" + zvtest::programDirectory(), "ZVREPO_TEST_DISABLED=1"});
-    EXPECT_TRUE(child.exited);
-    EXPECT_EQ(child.status, 1);
-    EXPECT_EQ(child.err, kFatalCallbacks + "exit function 1\n");
-    EXPECT_EQ(fatalLine(child.out), k1668);
-    // A repository module that is not enabled hears nothing more.
-    EXPECT_EQ(zvtest::readFile(log), "ZVREPO_Enabled 0\n");
-    unlink(log.c_str());
-}
-
-TEST(LegacyErrorsProcess, FatalActionQuietExitsWith1WithoutMessage1668) {
-    zvtest::ChildResult child = zvtest::runChild("quiet");
-    EXPECT_TRUE(child.exited);
-    EXPECT_EQ(child.status, 1);
-    EXPECT_EQ(child.err, kFatalCallbacks + "exit function 1\n");
-    EXPECT_EQ(child.out, "");
+    const std::string module = "LD_LIBRARY_PATH=" + zvtest::programDirectory();
+    const std::string told = "ZVREPO_Enabled 0\nZVREPO_SetProcessState 8\nZVREPO_Shutdown\n";
+    const struct {
+        const char* scenario;
+        std::vector<std::string> environment;
+        int status;
+        std::string err, out, log;
+    } cases[] = {
+        // Back to the caller, which calls the IDL and VAM callbacks only once.
+        {"return", {module}, 0,
+         kFatalCallbacks + "Issue returned false\ndebug hook\nfatal 1113 " + kFatalText + "\nIssue returned false\n",
+         k1668 + k1668, told + told},
+        // A repository module that is not enabled hears nothing more.
+        {"exit", {module, "ZVREPO_TEST_DISABLED=1"}, 1, kFatalCallbacks + "exit function 1\n", k1668,
+         "ZVREPO_Enabled 0\n"},
+        {"quiet", {}, 1, kFatalCallbacks + "exit function 1\n", "", ""},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.scenario);
+        std::vector<std::string> environment = c.environment;
+        environment.push_back("ZVREPO_TEST_LOG=" + log);
+        const zvtest::ChildResult child = zvtest::runChild(c.scenario, environment);
+        EXPECT_TRUE(child.exited);
+        EXPECT_EQ(child.status, c.status);
+        EXPECT_EQ(child.err, c.err);
+        EXPECT_EQ(zvtest::withoutTimes(child.out), c.out);
+        EXPECT_EQ(zvtest::readFile(log), c.log);
+        unlink(log.c_str());
+    }
 }
 
 TEST(LegacyErrorsProcess, AFirstCallerWithoutThreadRecordLogsWithoutName) {
@@ -261,7 +221,7 @@ TEST(LegacyErrorsProcess, AFirstCallerWithoutThreadRecordLogsWithoutName) {
     EXPECT_EQ(child.status, 0);
     EXPECT_EQ(child.err, "ERROR   QMR-01113  " + programString() +
                              ":  from a fresh thread.\nzvlog/LegacyErrorHandling|logMessage|245\n");
-    EXPECT_EQ(consoleLineWithoutTime(child.out), "ERROR   QMR-01113  from a fresh thread.\n");
+    EXPECT_EQ(zvtest::withoutTimes(child.out), "\n<time>  ERROR   QMR-01113  from a fresh thread.\n");
 }
 
 // Last in the file: every other initializer of this file has run.

@@ -28,21 +28,34 @@ const LocationRecord kCopySite{kFormat, kModule, kMethod, 42, 2};
 constexpr unsigned kCopyKey = 0x0001002A;
 constexpr uint32_t kSeconds = 1700000000;
 
+// One event of the copy site: an int and a text.
+void logCopy(LogBufferImpl& buffer, unsigned sequence, unsigned short logger, unsigned char level,
+             uint32_t microseconds, int32_t rows, const std::string& table) {
+    LoggingEvent event = makeEvent(kCopySite, kCopyKey, sequence, logger, level, kSeconds, microseconds);
+    ASSERT_EQ(buffer.addEvent(&event), 2);
+    buffer.addArgument(ARG_INT32, &rows, 4);
+    buffer.addArgument(ARG_STRING, table.data(), static_cast<unsigned>(table.size()));
+}
+
+// The bytes the buffer wrote from `offset` on.
+std::string writtenSince(const LogBufferImpl& buffer, unsigned offset) {
+    return std::string(reinterpret_cast<const char*>(buffer.blockBase()) + offset, buffer.writeOffset() - offset);
+}
+
+// A closed block decoded; it must decode without an error.
+DecodeResult decoded(const std::string& block) {
+    DecodeResult r = decodeStream(block.data(), block.size());
+    EXPECT_TRUE(r.ok()) << r.errors[0];
+    EXPECT_EQ(r.consumed, block.size());
+    return r;
+}
+
 class LogBufferTest : public ::testing::Test {
 protected:
     LogBufferTest() {
         thread.number = 7;
         thread.osThreadId = 4242;
         thread.name = "worker";
-    }
-
-    // One event of the copy site: an int and a text.
-    void logCopy(LogBufferImpl& buffer, unsigned sequence, unsigned short logger, unsigned char level,
-                 uint32_t microseconds, int32_t rows, const std::string& table) {
-        LoggingEvent event = makeEvent(kCopySite, kCopyKey, sequence, logger, level, kSeconds, microseconds);
-        ASSERT_EQ(buffer.addEvent(&event), 2);
-        buffer.addArgument(ARG_INT32, &rows, 4);
-        buffer.addArgument(ARG_STRING, table.data(), static_cast<unsigned>(table.size()));
     }
 
     ThreadRecord thread;
@@ -108,8 +121,7 @@ TEST_F(LogBufferTest, RepeatsOnlyWhatChanged) {
     logCopy(buffer, 3, net, LEVEL_WARN, 11, 3, "c");
     logCopy(buffer, 4, db, LEVEL_INFO, 11, 4, "d");
     logCopy(buffer, 5, db, LEVEL_WARN, 11, 5, "e");
-    const std::string tail(reinterpret_cast<const char*>(buffer.blockBase()) + afterFirst,
-                           buffer.writeOffset() - afterFirst);
+    const std::string tail = writtenSince(buffer, afterFirst);
     const std::string expected =
         "A" + le32(kCopyKey) + le32(2) + copyArguments(2, "b") +                                       //
         "A" + le32(kCopyKey) + le32(3) + "d" + le16(net) + "c\xdf" + std::string("WARN", 5) +          //
@@ -132,15 +144,13 @@ TEST_F(LogBufferTest, SiteStringsAreKeyedByAddress) {
     unsigned start = buffer.writeOffset();
     LoggingEvent e2 = makeEvent(sharedModule, 0x10032, 2, db, LEVEL_INFO, kSeconds, 0);
     EXPECT_EQ(buffer.addEvent(&e2), 0);
-    std::string written(reinterpret_cast<const char*>(buffer.blockBase()) + start, buffer.writeOffset() - start);
     // Strings 0..2 are the copy site's; "other" becomes 3.
-    EXPECT_EQ(hex(written), hex("a" + le32(0x10032) + le32(2) + le16(0) + "s" + std::string("other", 6) + "S" +
+    EXPECT_EQ(hex(writtenSince(buffer, start)), hex("a" + le32(0x10032) + le32(2) + le16(0) + "s" + std::string("other", 6) + "S" +
                                 le16(1) + "S" + le16(2)));
     start = buffer.writeOffset();
     LoggingEvent e3 = makeEvent(copiedModule, 0x1003C, 3, db, LEVEL_INFO, kSeconds, 0);
     buffer.addEvent(&e3);
-    written.assign(reinterpret_cast<const char*>(buffer.blockBase()) + start, buffer.writeOffset() - start);
-    EXPECT_EQ(hex(written), hex("a" + le32(0x1003C) + le32(3) + le16(0) + "S" + le16(3) + "s" +
+    EXPECT_EQ(hex(writtenSince(buffer, start)), hex("a" + le32(0x1003C) + le32(3) + le16(0) + "S" + le16(3) + "s" +
                                 std::string(kModule, sizeof kModule) + "S" + le16(2)));
 }
 
@@ -158,8 +168,8 @@ TEST_F(LogBufferTest, SameSiteIsDescribedAgainInEveryBlock) {
     EXPECT_EQ(blocks[0].substr(0, prefix.size() + copySiteDefinition(1).size()), prefix + copySiteDefinition(1));
     EXPECT_NE(blocks[0].find("A" + le32(kCopyKey) + le32(2) + copyArguments(2, "two") + ">"), std::string::npos);
     EXPECT_EQ(blocks[1].substr(0, prefix.size() + copySiteDefinition(3).size()), prefix + copySiteDefinition(3));
-    for (const std::string& block : blocks) EXPECT_TRUE(decodeStream(block.data(), block.size()).ok());
-    EXPECT_EQ(decodeStream(blocks[1].data(), blocks[1].size()).events.at(0).loggerName, "app.db");
+    decoded(blocks[0]);
+    EXPECT_EQ(decoded(blocks[1]).events.at(0).loggerName, "app.db");
 }
 
 TEST_F(LogBufferTest, OversizedArgumentsAreCut) {
@@ -183,8 +193,7 @@ TEST_F(LogBufferTest, OversizedArgumentsAreCut) {
 
     const std::vector<std::string> blocks = capture.blocks();
     ASSERT_EQ(blocks.size(), 1u);
-    DecodeResult r = decodeStream(blocks[0].data(), blocks[0].size());
-    ASSERT_TRUE(r.ok()) << r.errors[0];
+    const DecodeResult r = decoded(blocks[0]);
     ASSERT_EQ(r.events.size(), 1u);
     const auto& args = r.events[0].arguments;
     ASSERT_EQ(args.size(), 4u);
@@ -227,9 +236,7 @@ TEST_F(LogBufferTest, EventsNeverStraddleBlocks) {
     int next = 1;
     for (const std::string& block : blocks) {
         EXPECT_EQ(block.back(), '>');
-        DecodeResult r = decodeStream(block.data(), block.size());
-        ASSERT_TRUE(r.ok()) << r.errors[0];
-        EXPECT_EQ(r.consumed, block.size());
+        const DecodeResult r = decoded(block);
         ASSERT_FALSE(r.events.empty());
         EXPECT_EQ(block[16 + threadToken().size()], 'a');
         for (const DecodedEvent& e : r.events) {
@@ -263,13 +270,10 @@ TEST_F(LogBufferTest, EventLargerThanABlockIsCutNotSplit) {
     const std::vector<std::string> blocks = capture.blocks();
     ASSERT_EQ(blocks.size(), 3u);
     std::vector<unsigned> words;
-    for (const std::string& block : blocks) {
-        DecodeResult r = decodeStream(block.data(), block.size());
-        ASSERT_TRUE(r.ok()) << r.errors[0];
-        for (const DecodedEvent& e : r.events) words.push_back(e.eventWord);
-    }
+    for (const std::string& block : blocks)
+        for (const DecodedEvent& e : decoded(block).events) words.push_back(e.eventWord);
     EXPECT_EQ(words, (std::vector<unsigned>{1, 2, 3}));
-    DecodeResult big = decodeStream(blocks[1].data(), blocks[1].size());
+    const DecodeResult big = decoded(blocks[1]);
     const auto& args = big.events.at(0).arguments;
     ASSERT_EQ(args.size(), 16u);
     for (int i = 0; i < 15; ++i) EXPECT_EQ(args[i].bytes(), raw.substr(0, 65536));
@@ -306,8 +310,7 @@ TEST_F(LogBufferTest, NewEventWhileArgumentsAreExpectedRaises1112) {
 
     const std::vector<std::string> blocks = capture.blocks();
     ASSERT_EQ(blocks.size(), 1u);
-    DecodeResult r = decodeStream(blocks[0].data(), blocks[0].size());
-    ASSERT_TRUE(r.ok()) << r.errors[0];
+    const DecodeResult r = decoded(blocks[0]);
     ASSERT_EQ(r.events.size(), 3u);
     EXPECT_EQ(r.events[0].arguments.size(), 1u);
     EXPECT_EQ(r.events[1].arguments.size(), 2u);
@@ -339,13 +342,7 @@ TEST_F(LogBufferTest, BlocksAreRecycled) {
     binary::setRawDeliveryHook(&countingHook);
     LogBufferImpl buffer(&thread);
     auto logBlocks = [&](int count) {
-        for (int i = 0; i < count * 17; ++i) {
-            LoggingEvent event = makeEvent(kCopySite, kCopyKey, i, 0, LEVEL_INFO, kSeconds, 0);
-            buffer.addEvent(&event);
-            const int32_t rows = i;
-            buffer.addArgument(ARG_INT32, &rows, 4);
-            buffer.addArgument(ARG_STRING, big.data(), static_cast<unsigned>(big.size()));
-        }
+        for (int i = 0; i < count * 17; ++i) logCopy(buffer, i, 0, LEVEL_INFO, 0, i, big);
     };
     logBlocks(2 * binary::kRecentBlocks);
     const unsigned long long allocated = binary::blocksAllocated();
@@ -380,13 +377,7 @@ void fillThenOverflowHeader(const ThreadRecord& thread) {
     LogBufferImpl buffer(&thread);
     reentered = &buffer;
     binary::setRawDeliveryHook(&reenteringHook);
-    while (buffer.remaining() == 0 || buffer.remaining() > 65000) {
-        LoggingEvent event = makeEvent(kCopySite, kCopyKey, 1, 0, LEVEL_INFO, kSeconds, 0);
-        buffer.addEvent(&event);
-        const int32_t rows = 1;
-        buffer.addArgument(ARG_INT32, &rows, 4);
-        buffer.addArgument(ARG_STRING, big.data(), static_cast<unsigned>(big.size()));
-    }
+    while (buffer.remaining() == 0 || buffer.remaining() > 65000) logCopy(buffer, 1, 0, LEVEL_INFO, 0, 1, big);
     // Its header does not fit: addEvent closes the block itself.
     LoggingEvent event = makeEvent(hugeSite, 0x70007, 2, 0, LEVEL_INFO, kSeconds, 0);
     buffer.addEvent(&event);

@@ -16,7 +16,7 @@ namespace {
 
 LoggerRepository* repo() { return Logger::getRepository(); }
 
-TEST(Logger, MissingAncestorsAreCreatedInOrderWithTheirParents) {
+TEST(Logger, MissingAncestorsAreCreatedInOrderAndEqualNamesGiveTheSameLogger) {
     Logger* c = repo()->getLogger("hier1.b.c");
     Logger* b = repo()->exists("hier1.b");
     Logger* a = repo()->exists("hier1");
@@ -27,25 +27,23 @@ TEST(Logger, MissingAncestorsAreCreatedInOrderWithTheirParents) {
     EXPECT_EQ(c->getParent(), b);
     EXPECT_EQ(b->getIndex(), a->getIndex() + 1);
     EXPECT_EQ(c->getIndex(), a->getIndex() + 2);
-    EXPECT_STREQ(c->getName(), "hier1.b.c");
     EXPECT_STREQ(repo()->getLoggerName(c->getIndex()), "hier1.b.c");
     EXPECT_STREQ(repo()->getLoggerName(0), "");
     EXPECT_EQ(repo()->getRootLogger()->getIndex(), 0);
-}
+    EXPECT_EQ(b->getChild("c"), c);
+    EXPECT_STREQ(repo()->getRootLogger()->getChild("toplevel")->getName(), "toplevel");
 
-TEST(Logger, EqualNamesGiveTheSameLoggerWhateverThePointer) {
-    char first[32] = "same.name";
-    Logger* l1 = repo()->getLogger(first);
-    std::string copy = "same.name";
-    EXPECT_EQ(repo()->getLogger(copy.c_str()), l1);
     // A caller's buffer that later holds another name must not find the old logger.
-    std::strcpy(first, "same.other");
-    Logger* l2 = repo()->getLogger(first);
-    EXPECT_NE(l2, l1);
-    EXPECT_STREQ(l2->getName(), "same.other");
+    char name[32] = "hier1.b.c";
+    EXPECT_EQ(repo()->getLogger(name), c);
+    std::strcpy(name, "hier1.b.d");
+    Logger* d = repo()->getLogger(name);
+    EXPECT_NE(d, c);
+    EXPECT_STREQ(d->getName(), "hier1.b.d");
+    EXPECT_EQ(d->getParent(), b);
 }
 
-TEST(Logger, EffectiveLevelInheritsFromTheNearestSetAncestor) {
+TEST(Logger, EffectiveLevelIsTheNearestSetAncestorsRaisedToTheRepositoryFloor) {
     Logger* parent = repo()->getLogger("inh");
     Logger* child = repo()->getLogger("inh.child");
     parent->setLevel(LEVEL_INFO);
@@ -53,29 +51,21 @@ TEST(Logger, EffectiveLevelInheritsFromTheNearestSetAncestor) {
     EXPECT_EQ(child->getEffectiveLevel(), LEVEL_INFO);
     EXPECT_TRUE(child->isEnabledFor(LEVEL_INFO));
     EXPECT_FALSE(child->isEnabledFor(LEVEL_DEBUG));
+    repo()->setThreshold(LEVEL_ERROR);
+    EXPECT_EQ(child->getEffectiveLevel(), LEVEL_ERROR);
+    repo()->setThreshold(LEVEL_ALL);
+    EXPECT_EQ(child->getEffectiveLevel(), LEVEL_INFO);
     parent->setLevel(LEVEL_INHERIT);
-    EXPECT_EQ(child->getEffectiveLevel(), repo()->getRootLogger()->getLevel());
-    EXPECT_EQ(child->getEffectiveLevel(), LEVEL_WARN);
-}
+    EXPECT_EQ(child->getEffectiveLevel(), LEVEL_WARN) << "the root's";
 
-TEST(Logger, LevelTestIsAtOrAboveTheThreshold) {
-    Logger* l = repo()->getLogger("thr");
-    l->setLevel(LEVEL_ERROR);
-    EXPECT_TRUE(l->isEnabledFor(239));
-    l->setLevel(240);
-    EXPECT_FALSE(l->isEnabledFor(239));
-    EXPECT_STREQ(getLevelName(100), "<undefined>");
+    // At or above the threshold, also for levels without a name.
+    child->setLevel(LEVEL_ERROR);
+    EXPECT_TRUE(child->isEnabledFor(239));
+    child->setLevel(240);
+    EXPECT_FALSE(child->isEnabledFor(239));
+    child->setLevel(LEVEL_INHERIT);
     EXPECT_STREQ(getLevelName(240), "<undefined>");
     EXPECT_STREQ(getLevelName(LEVEL_DATA), "DATA");
-}
-
-TEST(Logger, RepositoryFloorRaisesEveryEffectiveLevel) {
-    Logger* l = repo()->getLogger("floor.x");
-    l->setLevel(LEVEL_ALL);
-    repo()->setThreshold(LEVEL_ERROR);
-    EXPECT_EQ(l->getEffectiveLevel(), LEVEL_ERROR);
-    repo()->setThreshold(LEVEL_ALL);
-    EXPECT_EQ(l->getEffectiveLevel(), LEVEL_ALL);
 }
 
 TEST(Logger, AdditivityOffStopsDeliveryAtThatLogger) {
@@ -105,46 +95,31 @@ TEST(Logger, AdditivityOffStopsDeliveryAtThatLogger) {
     abc->removeAllAppenders();
 }
 
-TEST(Logger, AppenderAttachedTwiceReceivesTwiceAndRemovalTakesEveryEntry) {
-    Logger* l = repo()->getLogger("twice");
-    l->setLevel(LEVEL_ALL);
-    CaptureAppender app("twice-app");
-    l->addAppender(app);
-    l->addAppender(app);
-    EXPECT_TRUE(l->isAttached(app));
-    EXPECT_EQ(l->getAppender("twice-app"), &app);
-    EXPECT_EQ(l->getAppender("nope"), nullptr);
-    ZVLOG_WARN(l, "x");
-    EXPECT_EQ(app.size(), 2u);
-    EXPECT_TRUE(l->removeAppender("twice-app"));
-    EXPECT_FALSE(l->isAttached());
-    EXPECT_FALSE(l->removeAppender(app));
-}
-
-TEST(Logger, ThresholdAndDisabledAppendersAreSkippedButCountAsVisits) {
+// An appender attached twice receives twice; a threshold or a disabled
+// appender skips an event, but the visit counts; removal takes every entry.
+TEST(Logger, DeliveryToItsAppenders) {
     Logger* l = repo()->getLogger("visits");
     l->setLevel(LEVEL_ALL);
     l->setAdditivity(false);
-    CaptureAppender high("visits-high"), off("visits-off");
+    CaptureAppender twice("visits-twice"), high("visits-high"), off("visits-off");
     high.setThreshold(LEVEL_ERROR);
     off.setEnabled(false);
-    l->addAppender(high);
-    l->addAppender(off);
+    for (Appender* a : {&twice, &twice, &high, &off}) l->addAppender(*a);
+    EXPECT_EQ(l->getAppender("visits-twice"), &twice);
+    EXPECT_EQ(l->getAppender("nope"), nullptr);
     ZVLOG_WARN(l, "w");
     ZVLOG_ERROR(l, "e");
+    EXPECT_EQ(twice.size(), 4u);
     ASSERT_EQ(high.size(), 1u);
     EXPECT_EQ(high.events()[0].message, "e");
     EXPECT_EQ(off.size(), 0u);
-    EXPECT_EQ(l->getEventsIssued(), 4u);
+    EXPECT_EQ(l->getEventsIssued(), 8u);
+    EXPECT_TRUE(l->removeAppender("visits-twice"));
+    EXPECT_FALSE(l->isAttached(twice));
+    EXPECT_TRUE(l->isAttached(high));
+    EXPECT_FALSE(l->removeAppender(twice));
     l->removeAllAppenders();
-}
-
-TEST(Logger, GetChildAppendsTheSuffix) {
-    Logger* p = repo()->getLogger("kid");
-    Logger* c = p->getChild("sub");
-    EXPECT_STREQ(c->getName(), "kid.sub");
-    EXPECT_EQ(c->getParent(), p);
-    EXPECT_STREQ(repo()->getRootLogger()->getChild("toplevel")->getName(), "toplevel");
+    EXPECT_FALSE(l->isAttached());
 }
 
 TEST(Logger, OverlongParentNameIsReportedAndTheLoggerHangsFromTheRoot) {

@@ -4,17 +4,13 @@
 // both definition layouts, severities by class and code, issue limits,
 // missing arguments and the processing dispositions.
 #include <gtest/gtest.h>
-#include <fcntl.h>
 #include <sys/resource.h>
-#include <sys/wait.h>
 #include <unicode/putil.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -22,6 +18,7 @@
 #include <thread>
 #include <vector>
 
+#include "support/ChildProcess.h"
 #include "zvlog/AppContext.h"
 #include "zvlog/BuildContext.h"
 #include "zvlog/CatalogVersion.h"
@@ -39,7 +36,6 @@ namespace msg = zvs::zvlib::zvlog::msg;
 
 namespace {
 
-constexpr const char* kChildVariable = "ZVLOG_FACTORY_CHILD";
 constexpr const char* kIcuDataPath = "/nonexistent-zvlog-icu-data";
 
 std::string appText(ContextItemID id) {
@@ -47,37 +43,27 @@ std::string appText(ContextItemID id) {
     return item && item->GetType() == CDataItem::TypeString ? static_cast<const char*>(*item) : "<none>";
 }
 
-// What a child started by the tests below does before main: load the default
-// catalog and tell what it found, or make a message the catalog lacks.
-const bool kRanAsChild = [] {
-    const char* scenario = getenv(kChildVariable);
-    if (!scenario) return false;
-    CMessageFactory* factory = CMessageFactory::GetDefaultFactory();
-    if (strcmp(scenario, "missing") == 0) factory->CreateMessage(nullptr, 4242);
-    CMessage* marker = factory->CreateMessage(nullptr, 10000099);
+// What a child does before main: load the default catalog and tell what it
+// found, or make a message the catalog lacks. A broken catalog aborts it.
+void loadScenario() {
+    const rlimit noCore{0, 0};
+    setrlimit(RLIMIT_CORE, &noCore);
+    CMessage* marker = CMessageFactory::GetDefaultFactory()->CreateMessage(nullptr, 10000099);
     printf("marker=%s\n", marker ? marker->Format() : "<none>");
     printf("datapath=%s\n", u_getDataDirectory());
     printf("dirs=%s|%s|%s\n", appText(DirProcessLib).c_str(), appText(ProcessExecutableDir).c_str(),
            appText(ProcessWorkingDir).c_str());
-    fflush(stdout);
-    _exit(0);
-}();
-
-struct ChildResult {
-    int status = -1;
-    std::string out;
-    std::string err;
-
-    bool aborted() const { return WIFSIGNALED(status) && WTERMSIG(status) == SIGABRT; }
-    bool exitedCleanly() const { return WIFEXITED(status) && WEXITSTATUS(status) == 0; }
-};
-
-std::string readFile(const fs::path& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
 }
+
+void missingScenario() {
+    const rlimit noCore{0, 0};
+    setrlimit(RLIMIT_CORE, &noCore);
+    CMessageFactory::GetDefaultFactory()->CreateMessage(nullptr, 4242);
+}
+
+const bool kScenarios = zvtest::runRequestedScenario({{"load", loadScenario}, {"missing", missingScenario}});
+
+bool aborted(const zvtest::ChildResult& child) { return !child.exited && child.status == SIGABRT; }
 
 // A scratch installation: home (QMR_HOME, whose legacy layout makes it
 // DirProcessLib), bin (a link to this program) and cwd (the child's working
@@ -107,43 +93,11 @@ public:
                       fs::copy_options::overwrite_existing);
     }
 
-    ChildResult run(const char* scenario) const {
-        const fs::path out = root_ / "out.txt";
-        const fs::path err = root_ / "err.txt";
-        std::vector<std::string> environment = {std::string(kChildVariable) + "=" + scenario,
-                                                "QMR_HOME=" + dir("home").string(),
-                                                std::string("ICU_DATA=") + kIcuDataPath, "LANG=C.UTF-8"};
-        for (char** variable = environ; *variable; ++variable) {
-            const std::string text = *variable;
-            if (text.rfind("QMR_", 0) == 0 || text.rfind("ICU_DATA=", 0) == 0 || text.rfind("LANG=", 0) == 0 ||
-                text.rfind("LC_ALL=", 0) == 0)
-                continue;
-            environment.push_back(text);
-        }
-        std::vector<char*> envp;
-        for (std::string& text : environment) envp.push_back(text.data());
-        envp.push_back(nullptr);
-        std::string program = program_.string();
-        char* argv[] = {program.data(), nullptr};
-        const std::string cwd = dir("cwd").string();
-
-        fflush(nullptr);
-        const pid_t pid = fork();
-        if (pid == 0) {
-            const rlimit noCore{0, 0};
-            setrlimit(RLIMIT_CORE, &noCore);
-            const int outFd = open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-            const int errFd = open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-            if (outFd < 0 || errFd < 0 || dup2(outFd, 1) < 0 || dup2(errFd, 2) < 0 || chdir(cwd.c_str()) != 0)
-                _exit(127);
-            execve(program.c_str(), argv, envp.data());
-            _exit(127);
-        }
-        ChildResult result;
-        waitpid(pid, &result.status, 0);
-        result.out = readFile(out);
-        result.err = readFile(err);
-        return result;
+    zvtest::ChildResult run(const char* scenario) const {
+        return zvtest::runChild(scenario,
+                                {"QMR_*", "LC_ALL=", "QMR_HOME=" + dir("home").string(),
+                                 std::string("ICU_DATA=") + kIcuDataPath, "LANG=C.UTF-8"},
+                                program_.string(), dir("cwd").string());
     }
 
 private:
@@ -163,42 +117,30 @@ std::string withoutTrailingSlash(std::string path) {
     return path;
 }
 
-std::string wrongVersion(const std::string& received) {
-    return std::string("The ICU resource bundle, 'zvMessage', is the wrong version.  Expecting '") +
-           ZVLOG_CATALOG_UUID + "' but received '" + received + "'.\n";
-}
-
 // ---- The default catalog, in child processes ---------------------------------
 
 TEST(MessageFactorySearch, LibraryDirectoryBeatsExecutableBeatsWorkingDirectory) {
     Installation installation;
-    installation.place("marker-lib", "home", "zvfactorytest.dat");
-    installation.place("marker-exe", "bin", "zvfactorytest.dat");
-    installation.place("marker-cwd", "cwd", "zvfactorytest.dat");
-    ChildResult child = installation.run("load");
-    ASSERT_TRUE(child.exitedCleanly()) << child.err;
-    EXPECT_EQ(line(child.out, "marker"), "lib");
-    // Read from a file: ICU's data path stays as it was.
-    EXPECT_EQ(line(child.out, "datapath").rfind(kIcuDataPath, 0), 0u);
-    EXPECT_EQ(line(child.out, "datapath").find(installation.dir("home").string()), std::string::npos);
-
-    fs::remove(installation.dir("home") / "zvfactorytest.dat");
-    child = installation.run("load");
-    ASSERT_TRUE(child.exitedCleanly()) << child.err;
-    EXPECT_EQ(line(child.out, "marker"), "exe");
-
-    fs::remove(installation.dir("bin") / "zvfactorytest.dat");
-    child = installation.run("load");
-    ASSERT_TRUE(child.exitedCleanly()) << child.err;
-    EXPECT_EQ(line(child.out, "marker"), "cwd");
+    const std::pair<const char*, const char*> places[] = {{"lib", "home"}, {"exe", "bin"}, {"cwd", "cwd"}};
+    for (auto [marker, dir] : places)
+        installation.place((std::string("marker-") + marker).c_str(), dir, "zvfactorytest.dat");
+    for (auto [marker, dir] : places) {
+        const zvtest::ChildResult child = installation.run("load");
+        ASSERT_TRUE(child.succeeded()) << child.err;
+        EXPECT_EQ(line(child.out, "marker"), marker);
+        // Read from a file: ICU's data path stays as it was.
+        EXPECT_EQ(line(child.out, "datapath").rfind(kIcuDataPath, 0), 0u);
+        EXPECT_EQ(line(child.out, "datapath").find(installation.dir("home").string()), std::string::npos);
+        fs::remove(installation.dir(dir) / "zvfactorytest.dat");
+    }
 }
 
 TEST(MessageFactorySearch, WithoutTheApplicationsFileTheDirectoriesJoinIcusDataPath) {
     Installation installation;
     installation.place("marker-exe", "bin", "zvMessage.dat");
     installation.place("marker-cwd", "cwd", "zvMessage.dat");
-    const ChildResult child = installation.run("load");
-    ASSERT_TRUE(child.exitedCleanly()) << child.err;
+    const zvtest::ChildResult child = installation.run("load");
+    ASSERT_TRUE(child.succeeded()) << child.err;
     EXPECT_EQ(line(child.out, "marker"), "exe") << "ICU searches its path in order";
 
     // The old path (ICU_DATA, then the library's own converters beside
@@ -221,44 +163,32 @@ TEST(MessageFactorySearch, WithoutTheApplicationsFileTheDirectoriesJoinIcusDataP
 
 TEST(MessageFactoryBrokenCatalog, EndsTheProcessWithTheReasonOnStandardError) {
     Installation installation;
-    // Nowhere to be found.
-    ChildResult child = installation.run("load");
-    EXPECT_TRUE(child.aborted());
-    EXPECT_EQ(child.err, "Cannot load ICU resource bundle 'zvMessage', error code 2 - No such file or directory\n");
-    EXPECT_EQ(child.out, "");
-
-    // Another version.
-    installation.place("wronguuid", "home", "zvfactorytest.dat");
-    child = installation.run("load");
-    EXPECT_TRUE(child.aborted());
-    EXPECT_EQ(child.err, wrongVersion("00000000-1111-2222-3333-444444444444"));
-
-    // No version at all.
-    installation.place("nouuid", "home", "zvfactorytest.dat");
-    child = installation.run("load");
-    EXPECT_TRUE(child.aborted());
-    EXPECT_EQ(child.err, wrongVersion("<Not Found>"));
-
-    // Not a catalog: ICU refuses the bytes.
-    std::ofstream(installation.dir("home") / "zvfactorytest.dat") << "not an ICU data package at all, no";
-    child = installation.run("load");
-    EXPECT_TRUE(child.aborted());
-    EXPECT_EQ(child.err.rfind("Cannot load ICU resource bundle '" + installation.dir("home").string() +
-                                  "//zvfactorytest.dat', error code ",
-                              0),
-              0u)
-        << child.err;
-}
-
-TEST(MessageFactoryBrokenCatalog, AMissingMessageNumberEndsTheProcess) {
-    Installation installation;
-    installation.place("marker-lib", "home", "zvfactorytest.dat");
-    const ChildResult child = installation.run("missing");
-    EXPECT_TRUE(child.aborted());
-    EXPECT_EQ(child.err,
-              "The ICU resource bundle, 'zvMessage', is missing message number 4242. Please ensure the bundle is the "
-              "correct version.\n");
-    EXPECT_EQ(child.out, "");
+    const std::string wrongVersion = std::string("The ICU resource bundle, 'zvMessage', is the wrong version.  "
+                                                 "Expecting '") + ZVLOG_CATALOG_UUID + "' but received '";
+    const struct {
+        const char* catalog;  // placed in home; "" none, "-" bytes that are no catalog
+        const char* scenario;
+        std::string err;      // whole, or its start for the refused bytes
+    } cases[] = {
+        {"", "load", "Cannot load ICU resource bundle 'zvMessage', error code 2 - No such file or directory\n"},
+        {"wronguuid", "load", wrongVersion + "00000000-1111-2222-3333-444444444444'.\n"},
+        {"nouuid", "load", wrongVersion + "<Not Found>'.\n"},
+        {"-", "load", "Cannot load ICU resource bundle '" + installation.dir("home").string() +
+                          "//zvfactorytest.dat', error code "},
+        {"marker-lib", "missing", "The ICU resource bundle, 'zvMessage', is missing message number 4242. Please "
+                                  "ensure the bundle is the correct version.\n"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.catalog);
+        if (std::string(c.catalog) == "-")
+            std::ofstream(installation.dir("home") / "zvfactorytest.dat") << "not an ICU data package at all, no";
+        else if (*c.catalog)
+            installation.place(c.catalog, "home", "zvfactorytest.dat");
+        const zvtest::ChildResult child = installation.run(c.scenario);
+        EXPECT_TRUE(aborted(child));
+        EXPECT_EQ(child.err.substr(0, *c.catalog == '-' ? c.err.size() : std::string::npos), c.err);
+        EXPECT_EQ(child.out, "");
+    }
 }
 
 // ---- Test catalogs, in-process -------------------------------------------------
@@ -480,9 +410,7 @@ TEST_F(MessageFactoryTest, MissingArgumentsRaiseMessage1425) {
     delete message;
 }
 
-TEST_F(MessageFactoryTest, SettingsAndTheHeldMessagesContexts) {
-    factory_->SetReportType(0x2);
-    EXPECT_EQ(factory_->GetReportType(), 0x2u);
+TEST_F(MessageFactoryTest, RemoveContextTakesTheHeldMessagesErrorContext) {
     EXPECT_FALSE(factory_->RemoveContext(&CErrorContext::GetContext())) << "nothing held";
 
     // The held message's recorded error context goes when asked.

@@ -6,6 +6,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdio>
@@ -46,18 +47,15 @@ bool eventually(F condition) {
     return true;
 }
 
-struct Trace {
-    unsigned char level;
-    std::string function;
-    std::string text;
-};
+const std::string kClass = "zvs::zvlib::MultiThreading::Thread::";
 
+// The thread layer's traces as "level function: text" lines.
 std::mutex traceMutex;
-std::vector<Trace> traces;
+std::vector<std::string> traces;
 
 void collectTrace(unsigned char level, const char* function, const char* text) {
     std::lock_guard<std::mutex> lock(traceMutex);
-    traces.push_back({level, function, text});
+    traces.push_back(std::to_string(level) + " " + function + ": " + text);
 }
 
 class TraceCapture {
@@ -68,9 +66,14 @@ public:
         setTraceHook(&collectTrace);
     }
     ~TraceCapture() { setTraceHook(nullptr); }
-    std::vector<Trace> get() {
+    std::vector<std::string> lines() {
         std::lock_guard<std::mutex> lock(traceMutex);
         return traces;
+    }
+    // How often the debug-level line of Thread::method with this text was traced.
+    long count(const char* method, const std::string& text) {
+        const std::vector<std::string> all = lines();
+        return std::count(all.begin(), all.end(), "143 " + kClass + method + ": " + text);
     }
 };
 
@@ -107,59 +110,93 @@ TEST(MultiThreadingCurrentThreadIdTest, IsTheOsIdOfEachThreadAndOfAForkedChild) 
     EXPECT_EQ(WEXITSTATUS(status), 0);
 }
 
-// ------------------------------------------------------------ fatal path
+// ------------------------------------------------------------ fatal paths
 
-TEST(MultiThreadingFatalSystemErrorTest, PrintsRunsExitHandlersAndEndsWithStatusOne) {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
-    EXPECT_EXIT(
-        {
-            atexit([] { fputs("exit handlers ran\n", stderr); });
-            zvFatalSystemError(9, "test::plain");
-        },
-        testing::ExitedWithCode(1), "Fatal system error 9 in test::plain\nexit handlers ran\n");
+namespace {
+
+struct Probe {
+    Event go{Event::ManualReset};
+    std::atomic<int> runs{0};
+    unsigned int seenId = 0;
+    Thread* seenCurrent = nullptr;
+    std::string seenName;
+    bool named = false;
+    unsigned int exitCode = 0;
+};
+
+unsigned int probeFunction(void* argument) {
+    auto* p = static_cast<Probe*>(argument);
+    p->runs++;
+    p->seenId = currentThreadId();
+    p->seenCurrent = Thread::Current();
+    p->named = ThreadList::getName(p->seenId, p->seenName);
+    p->go.wait(5000);
+    return p->exitCode;
 }
 
-TEST(MultiThreadingFatalSystemErrorTest, CallsTheExitFunctionWithOne) {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
-    EXPECT_EXIT(
-        {
-            zvSetExitFunction([](int status) { _exit(40 + status); });
-            zvFatalSystemError(5, "test::withExitFunction");
-        },
-        testing::ExitedWithCode(41), "Fatal system error 5 in test::withExitFunction\n");
-}
+}  // namespace
 
-TEST(MultiThreadingFatalSystemErrorTest, SecondFatalErrorDuringTheFirstEndsAtOnce) {
+// Each scenario runs in a fresh process: what it prints on standard error and
+// the status it ends with.
+TEST(MultiThreadingFatalSystemErrorTest, EachScenarioPrintsItsTextAndEndsWithItsStatus) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
-    EXPECT_EXIT(
-        {
-            zvSetExitFunction([](int) { zvFatalSystemError(7, "test::inner"); });
-            atexit([] { fputs("exit handlers ran\n", stderr); });
-            zvFatalSystemError(6, "test::outer");
-        },
-        testing::ExitedWithCode(1),
-        "^Fatal system error 6 in test::outer\nFatal system error 7 in test::inner\n$");
+    const struct {
+        void (*run)();
+        int status;
+        const char* err;  // a regular expression
+    } scenarios[] = {
+        {[] {
+             atexit([] { fputs("exit handlers ran\n", stderr); });
+             zvFatalSystemError(9, "test::plain");
+         },
+         1, "Fatal system error 9 in test::plain\nexit handlers ran\n"},
+        {[] {
+             zvSetExitFunction([](int status) { _exit(40 + status); });
+             zvFatalSystemError(5, "test::withExitFunction");
+         },
+         41, "Fatal system error 5 in test::withExitFunction\n"},
+        // A second fatal error during the first ends at once.
+        {[] {
+             zvSetExitFunction([](int) { zvFatalSystemError(7, "test::inner"); });
+             atexit([] { fputs("exit handlers ran\n", stderr); });
+             zvFatalSystemError(6, "test::outer");
+         },
+         1, "^Fatal system error 6 in test::outer\nFatal system error 7 in test::inner\n$"},
+        // The holder of a non-recursive mutex entering it again.
+        {[] {
+             Mutex m(Mutex::NonRecursive);
+             m.lock();
+             m.lock();
+         },
+         1, "Fatal system error 36 in zvs::zvlib::MultiThreading::Mutex::lock\n"},
+        {[] {
+             Mutex m;  // non-recursive by default
+             MutexLock hold(m);
+             m.tryLock();
+         },
+         1, "Fatal system error 36 in zvs::zvlib::MultiThreading::Mutex::tryLock\n"},
+        // Unnamed threads are numbered from 0 in start order, per process.
+        {[] {
+             Probe first, second;
+             Thread one(&probeFunction, nullptr), two(&probeFunction, "");
+             one.Start(&first);
+             two.Start(&second);
+             first.go.set();
+             second.go.set();
+             one.WaitForExit();
+             two.WaitForExit();
+             fprintf(stderr, "names: [%s] [%s]\n", first.seenName.c_str(), second.seenName.c_str());
+             exit(0);
+         },
+         0, "names: \\[QMR-Thread-0\\] \\[QMR-Thread-1\\]\n"},
+    };
+    for (const auto& scenario : scenarios) {
+        SCOPED_TRACE(scenario.err);
+        EXPECT_EXIT(scenario.run(), testing::ExitedWithCode(scenario.status), scenario.err);
+    }
 }
 
 // ------------------------------------------------------------ Mutex
-
-TEST(MultiThreadingMutexTest, NonRecursiveReentryByTheHolderIsFatal) {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
-    EXPECT_EXIT(
-        {
-            Mutex m(Mutex::NonRecursive);
-            m.lock();
-            m.lock();
-        },
-        testing::ExitedWithCode(1), "Fatal system error 36 in zvs::zvlib::MultiThreading::Mutex::lock\n");
-    EXPECT_EXIT(
-        {
-            Mutex m;  // non-recursive by default
-            MutexLock hold(m);
-            m.tryLock();
-        },
-        testing::ExitedWithCode(1), "Fatal system error 36 in zvs::zvlib::MultiThreading::Mutex::tryLock\n");
-}
 
 TEST(MultiThreadingMutexTest, RecursiveHolderMayReenterAndReleasesOnLastUnlock) {
     Mutex m(Mutex::Recursive);
@@ -250,55 +287,30 @@ TEST(MultiThreadingEventTest, TimesOutWithFalseAfterTheTimeout) {
     }
 }
 
-TEST(MultiThreadingEventTest, SetFromAnotherThreadWakesTheWaiter) {
-    for (unsigned spin : {0u, 50u}) {
-        Event e(Event::AutoReset);
-        std::atomic<bool> woke{false};
-        std::thread waiter([&] { woke = e.wait(10000, spin); });
+// Three waiters with a timeout far beyond the two seconds `eventually` allows:
+// each release is the work of a set.
+TEST(MultiThreadingEventTest, ASetReleasesOneWaiterOfAnAutoResetEventAndEveryWaiterOfAManualOne) {
+    for (Event::ResetMode mode : {Event::AutoReset, Event::ManualReset}) {
+        SCOPED_TRACE(mode == Event::AutoReset ? "auto reset" : "manual reset");
+        Event e(mode);
+        std::atomic<int> released{0};
+        std::vector<std::thread> waiters;
+        for (int i = 0; i < 3; ++i)
+            waiters.emplace_back([&] {
+                if (e.wait(10000)) released++;
+            });
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
-        EXPECT_FALSE(woke.load());
-        const auto setAt = Clock::now();
-        e.set();
-        waiter.join();
-        EXPECT_TRUE(woke.load());
-        EXPECT_LT(millisSince(setAt), 1000) << "woken by the set, not by the timeout";
-        EXPECT_FALSE(e.isSet()) << "the waiter consumes an auto-reset event";
+        EXPECT_EQ(released.load(), 0);
+        const int perSet = mode == Event::AutoReset ? 1 : 3;
+        for (int expected = perSet; expected <= 3; expected += perSet) {
+            e.set();
+            EXPECT_TRUE(eventually([&] { return released.load() >= expected; }));
+            std::this_thread::sleep_for(std::chrono::milliseconds(30));
+            EXPECT_EQ(released.load(), expected);
+        }
+        for (auto& t : waiters) t.join();
+        EXPECT_EQ(e.isSet(), mode == Event::ManualReset) << "a released waiter consumes an auto-reset event";
     }
-}
-
-TEST(MultiThreadingEventTest, ManualResetReleasesEveryWaiter) {
-    Event e(Event::ManualReset);
-    std::atomic<int> released{0};
-    std::vector<std::thread> waiters;
-    for (int i = 0; i < 4; ++i)
-        waiters.emplace_back([&] {
-            if (e.wait(5000)) released++;
-        });
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    const auto setAt = Clock::now();
-    e.set();
-    for (auto& t : waiters) t.join();
-    EXPECT_EQ(released.load(), 4);
-    EXPECT_LT(millisSince(setAt), 1000) << "woken by the set, not by the timeout";
-    EXPECT_TRUE(e.isSet());
-}
-
-TEST(MultiThreadingEventTest, AutoResetReleasesOneWaiterPerSet) {
-    Event e(Event::AutoReset);
-    std::atomic<int> released{0};
-    std::vector<std::thread> waiters;
-    for (int i = 0; i < 3; ++i)
-        waiters.emplace_back([&] {
-            if (e.wait(10000)) released++;
-        });
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    for (int expected = 1; expected <= 3; ++expected) {
-        e.set();
-        EXPECT_TRUE(eventually([&] { return released.load() >= expected; }));
-        std::this_thread::sleep_for(std::chrono::milliseconds(30));
-        EXPECT_EQ(released.load(), expected);
-    }
-    for (auto& t : waiters) t.join();
 }
 
 TEST(MultiThreadingEventTest, PingPongLosesNoWakeUps) {
@@ -332,26 +344,6 @@ TEST(MultiThreadingEventTest, PingPongLosesNoWakeUps) {
 
 namespace {
 
-struct Probe {
-    Event go{Event::ManualReset};
-    std::atomic<int> runs{0};
-    unsigned int seenId = 0;
-    Thread* seenCurrent = nullptr;
-    std::string seenName;
-    bool named = false;
-    unsigned int exitCode = 0;
-};
-
-unsigned int probeFunction(void* argument) {
-    auto* p = static_cast<Probe*>(argument);
-    p->runs++;
-    p->seenId = currentThreadId();
-    p->seenCurrent = Thread::Current();
-    p->named = ThreadList::getName(p->seenId, p->seenName);
-    p->go.wait(5000);
-    return p->exitCode;
-}
-
 unsigned int terminatingFunction(void*) { throw Thread::TerminateException(); }
 
 std::string runAndGetName(const char* name) {
@@ -365,7 +357,8 @@ std::string runAndGetName(const char* name) {
 
 }  // namespace
 
-TEST(MultiThreadingThreadTest, RunsRegisteredAndReportsItsExitCode) {
+TEST(MultiThreadingThreadTest, RunsRegisteredTracedAndReportsItsExitCode) {
+    TraceCapture capture;
     const size_t before = ThreadList::size();
     Probe probe;
     probe.exitCode = 42;
@@ -385,6 +378,12 @@ TEST(MultiThreadingThreadTest, RunsRegisteredAndReportsItsExitCode) {
 
     probe.go.set();
     EXPECT_EQ(t.WaitForExit(), 42u);
+    const std::string start = "143 " + kClass + "Start: ", wait = "143 " + kClass + "WaitForExit: ";
+    const std::string ids = std::to_string(id);
+    EXPECT_EQ(capture.lines(), (std::vector<std::string>{
+                                   start + "Starting thread for function " + pointerText(address(&probeFunction)),
+                                   start + "Thread started with id " + ids, wait + "Waiting for thread with id " + ids,
+                                   wait + "Thread with id " + ids + " exited with code 42"}));
     EXPECT_EQ(t.GetExitCode(), 42u);
     EXPECT_EQ(t.WaitForExit(), 42u) << "a second wait reports the same code";
     EXPECT_EQ(probe.runs.load(), 1);
@@ -396,83 +395,33 @@ TEST(MultiThreadingThreadTest, RunsRegisteredAndReportsItsExitCode) {
     EXPECT_EQ(ThreadList::size(), before);
 }
 
-TEST(MultiThreadingThreadTest, TracesStartWaitAndExitInOrder) {
-    TraceCapture capture;
-    Probe probe;
-    probe.exitCode = 7;
-    probe.go.set();
-    Thread t(&probeFunction, "Traced");
-    t.Start(&probe);
-    t.WaitForExit();
-    const std::string id = std::to_string(t.GetThreadId());
-    const std::string start = "zvs::zvlib::MultiThreading::Thread::Start";
-    const std::string wait = "zvs::zvlib::MultiThreading::Thread::WaitForExit";
-    std::vector<Trace> got = capture.get();
-    ASSERT_EQ(got.size(), 4u);
-    EXPECT_EQ(got[0].text, "Starting thread for function " + pointerText(address(&probeFunction)));
-    EXPECT_EQ(got[0].function, start);
-    EXPECT_EQ(got[1].text, "Thread started with id " + id);
-    EXPECT_EQ(got[1].function, start);
-    EXPECT_EQ(got[2].text, "Waiting for thread with id " + id);
-    EXPECT_EQ(got[2].function, wait);
-    EXPECT_EQ(got[3].text, "Thread with id " + id + " exited with code 7");
-    EXPECT_EQ(got[3].function, wait);
-    for (const Trace& trace : got) EXPECT_EQ(trace.level, 143);
-}
-
-TEST(MultiThreadingThreadTest, StartingAStartedThreadLeavesItRunningAndRaises1112Once) {
+// Waiting before the start and starting again while running each raise
+// message 1112 once and change nothing.
+TEST(MultiThreadingThreadTest, WaitBeforeStartAndSecondStartRaise1112AndChangeNothing) {
     TraceCapture capture;
     Probe first, second;
     first.exitCode = 11;
-    second.exitCode = 22;
     second.go.set();
-    Thread t(&probeFunction, "Twice");
-    t.Start(&first);
-    const unsigned int id = t.GetThreadId();
-    const unsigned long long raisedBefore = raisedMessageCount(1112);
-    t.Start(&second);
-    EXPECT_EQ(raisedMessageCount(1112), raisedBefore + 1);
-    EXPECT_EQ(t.GetThreadId(), id);
-    std::string name;
-    EXPECT_TRUE(ThreadList::getName(id, name)) << "the first run goes on";
-
-    first.go.set();
-    EXPECT_EQ(t.WaitForExit(), 11u);
-    EXPECT_EQ(first.runs.load(), 1);
-    EXPECT_EQ(second.runs.load(), 0);
-
-    int already = 0;
-    for (const Trace& trace : capture.get()) {
-        if (trace.text != "Thread already started") continue;
-        ++already;
-        EXPECT_EQ(trace.level, 143);
-        EXPECT_EQ(trace.function, "zvs::zvlib::MultiThreading::Thread::Start");
-    }
-    EXPECT_EQ(already, 1);
-}
-
-TEST(MultiThreadingThreadTest, WaitingBeforeStartRaises1112AndReturnsZero) {
-    TraceCapture capture;
-    Probe probe;
-    probe.exitCode = 5;
-    probe.go.set();
-    Thread t(&probeFunction, "Early");
+    Thread t(&probeFunction, "Misused");
     const unsigned long long raisedBefore = raisedMessageCount(1112);
     EXPECT_EQ(t.WaitForExit(), 0u);
     EXPECT_EQ(raisedMessageCount(1112), raisedBefore + 1);
     EXPECT_EQ(t.GetState(), Thread::StateConstructed);
-    // Issuing message 1112 starts the library's repetition thread, whose start
-    // is traced too: only the waits count here.
-    std::vector<Trace> got;
-    for (const Trace& trace : capture.get())
-        if (trace.function == "zvs::zvlib::MultiThreading::Thread::WaitForExit") got.push_back(trace);
-    ASSERT_EQ(got.size(), 1u);
-    EXPECT_EQ(got[0].text, "Thread not started yet");
-    EXPECT_EQ(got[0].function, "zvs::zvlib::MultiThreading::Thread::WaitForExit");
+    EXPECT_EQ(capture.count("WaitForExit", "Thread not started yet"), 1);
 
-    t.Start(&probe);  // the misuse changed nothing
-    EXPECT_EQ(t.WaitForExit(), 5u);
-    EXPECT_EQ(raisedMessageCount(1112), raisedBefore + 1);
+    t.Start(&first);
+    const unsigned int id = t.GetThreadId();
+    t.Start(&second);
+    EXPECT_EQ(raisedMessageCount(1112), raisedBefore + 2);
+    EXPECT_EQ(t.GetThreadId(), id);
+    std::string name;
+    EXPECT_TRUE(ThreadList::getName(id, name)) << "the first run goes on";
+    first.go.set();
+    EXPECT_EQ(t.WaitForExit(), 11u);
+    EXPECT_EQ(first.runs.load(), 1);
+    EXPECT_EQ(second.runs.load(), 0);
+    EXPECT_EQ(capture.count("Start", "Thread already started"), 1);
+    EXPECT_EQ(raisedMessageCount(1112), raisedBefore + 2);
 }
 
 TEST(MultiThreadingThreadTest, TerminateExceptionEndsWithCodeZeroAndLeavesTheList) {
@@ -485,62 +434,28 @@ TEST(MultiThreadingThreadTest, TerminateExceptionEndsWithCodeZeroAndLeavesTheLis
     std::string name;
     EXPECT_FALSE(ThreadList::getName(id, name));
     EXPECT_EQ(ThreadList::size(), before);
-    int seen = 0;
-    for (const Trace& trace : capture.get())
-        if (trace.text == "Thread with id " + std::to_string(id) + " is exiting due to TerminateException") ++seen;
-    EXPECT_EQ(seen, 1);
+    EXPECT_EQ(capture.count("RunThread", "Thread with id " + std::to_string(id) + " is exiting due to TerminateException"),
+              1);
 }
 
-namespace {
-
-// Starts two unnamed threads, both running at once, and prints their names.
-void startTwoUnnamedThreads() {
-    Probe first;
-    Probe second;
-    Thread one(&probeFunction, nullptr);
-    Thread two(&probeFunction, "");
-    one.Start(&first);
-    two.Start(&second);
-    first.go.set();
-    second.go.set();
-    one.WaitForExit();
-    two.WaitForExit();
-    fprintf(stderr, "names: [%s] [%s]\n", first.seenName.c_str(), second.seenName.c_str());
-}
-
-}  // namespace
-
-TEST(MultiThreadingThreadTest, UnnamedThreadsAreNumberedFromZeroInStartOrder) {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");  // a fresh process: the counter starts at 0
-    EXPECT_EXIT(
-        {
-            startTwoUnnamedThreads();
-            exit(0);
-        },
-        testing::ExitedWithCode(0), "names: \\[QMR-Thread-0\\] \\[QMR-Thread-1\\]\n");
-}
-
-TEST(MultiThreadingThreadTest, LongNamesAreCutTo251CharactersAndDots) {
+TEST(MultiThreadingThreadTest, NamesAreCutTo251CharactersAndDotsAndSetNameNamesTheNextStart) {
     std::string pattern;
     for (int i = 0; i < 300; ++i) pattern += static_cast<char>('a' + i % 26);
     EXPECT_EQ(runAndGetName(pattern.c_str()), pattern.substr(0, 251) + "...");
     EXPECT_EQ(runAndGetName(pattern.substr(0, 255).c_str()), pattern.substr(0, 251) + "...");
     EXPECT_EQ(runAndGetName(pattern.substr(0, 254).c_str()), pattern.substr(0, 254));
-}
 
-TEST(MultiThreadingThreadTest, SetNameTracesAndNamesTheNextStart) {
     TraceCapture capture;
     Probe probe;
     probe.go.set();
     Thread t(&probeFunction, "Before");
     t.SetName("After");
-    EXPECT_EQ(t.GetName(), "After");
     t.Start(&probe);
     t.WaitForExit();
     EXPECT_EQ(probe.seenName, "After");
-    std::vector<Trace> got = capture.get();
-    ASSERT_FALSE(got.empty());
-    EXPECT_EQ(got[0].text, "Setting Name for Thread Function[" + pointerText(address(&probeFunction)) + "] to [After]");
+    ASSERT_FALSE(capture.lines().empty());
+    EXPECT_EQ(capture.lines()[0], "143 " + kClass + "SetName: Setting Name for Thread Function[" +
+                                      pointerText(address(&probeFunction)) + "] to [After]");
 }
 
 TEST(MultiThreadingThreadTest, UsesTheRequestedStackSize) {

@@ -3,19 +3,18 @@
 // concurrent writers.
 #include <gtest/gtest.h>
 
-#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cstdio>
 #include <filesystem>
-#include <functional>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "support/ChildProcess.h"
+#include "support/ConsoleText.h"
 #include "zvlog/AppContext.h"
 #include "zvlog/appenders/FileNames.h"
 #include "zvlog/ReportAppender.h"
@@ -25,23 +24,6 @@ using namespace zvs::zvlib::zvlog;
 using namespace zvtest;
 
 namespace {
-
-// What the body writes to standard output.
-std::string capturedStdout(const std::function<void()>& body) {
-    const std::string path = temporaryPath("report-stdout");
-    fflush(stdout);
-    const int file = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-    const int saved = dup(1);
-    dup2(file, 1);
-    close(file);
-    body();
-    fflush(stdout);
-    dup2(saved, 1);
-    close(saved);
-    const std::string text = readFile(path);
-    unlink(path.c_str());
-    return text;
-}
 
 Logger* loggerWith(const char* name, ReportAppender& appender) {
     Logger* l = Logger::getRepository()->getLogger(name);
@@ -57,7 +39,7 @@ TEST(ReportAppender, TagIsTheNameAndAColon) {
     ReportAppender bare("", "%m%n"), named("X", "%m%n");
     Logger* b = loggerWith("report.bare", bare);
     Logger* n = loggerWith("report.named", named);
-    const std::string out = capturedStdout([b, n] {
+    const std::string out = zvtest::stdoutOf([b, n] {
         ZVLOG_INFO(b, "copied %d rows", 12);
         ZVLOG_WARN(n, "table %s skipped", "ORDERS");
         ZVLOG_ERROR(b, "done");
@@ -74,7 +56,7 @@ TEST(ReportAppender, OutputFollowsTheReportStreamFromOpenToClose) {
     Logger* l = loggerWith("report.moves", appender);
     const std::string report = temporaryPath("report-file");
     std::string opened;
-    const std::string out = capturedStdout([&] {
+    const std::string out = zvtest::stdoutOf([&] {
         ZVLOG_INFO(l, "before");
         opened = openReportFile(report.c_str());
         ZVLOG_INFO(l, "during %d", 1);

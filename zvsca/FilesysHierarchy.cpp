@@ -140,6 +140,10 @@ private:
 }  // namespace
 
 FilesysHierarchy& FilesysHierarchy::getInstance(const std::string& hint) {
+    // What construction raises waits until the instance exists: raising
+    // reaches the factory, which reaches the application context, which
+    // reaches this instance.
+    const zvlog::detail::DeferredRaiseScope deferRaises;
     static FilesysHierarchy instance(hint);
     return instance;
 }

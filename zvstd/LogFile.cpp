@@ -35,6 +35,22 @@ int zvOpenLogFile(const char* path, bool truncate, bool mustExist) {
     }
 }
 
+int zvCreateLogFile(const char* path) {
+    for (;;) {
+        const int fd = open(path, O_WRONLY | O_APPEND | O_CLOEXEC | O_CREAT | O_EXCL, 0644);
+        if (fd >= 0 || errno != EINTR) return fd;
+    }
+}
+
+int zvReopenLogFile(int fd) {
+    char link[64];
+    snprintf(link, sizeof link, "/proc/self/fd/%d", fd);
+    for (;;) {
+        const int own = open(link, O_WRONLY | O_APPEND | O_CLOEXEC);
+        if (own >= 0 || errno != EINTR) return own;
+    }
+}
+
 void zvCloseLogFile(int fd) {
     if (fd >= 0) close(fd);
 }

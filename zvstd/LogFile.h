@@ -22,6 +22,12 @@ struct LogFileFacts {
 // creating it when missing and truncating it when asked; with mustExist it is
 // never created. The descriptor, or -1 with errno set.
 ZVLOG_API int zvOpenLogFile(const char* path, bool truncate, bool mustExist = false);
+// Creates path for appending; -1 with errno EEXIST when it exists already.
+ZVLOG_API int zvCreateLogFile(const char* path);
+// A descriptor of its own on the file that fd refers to, whatever name it has
+// now: a new open file description, so that a lock taken through it is not
+// shared with the processes that inherited fd. -1 when there is none.
+ZVLOG_API int zvReopenLogFile(int fd);
 ZVLOG_API void zvCloseLogFile(int fd);
 // fstat of an open descriptor / stat of a name; false with errno set.
 ZVLOG_API bool zvLogFileFacts(int fd, LogFileFacts& facts);

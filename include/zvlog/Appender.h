@@ -14,6 +14,8 @@
 
 namespace zvs::zvlib::zvlog {
 
+void restartAsyncDeliveryInChild();
+
 class ZVLOG_API Appender {
 public:
     enum DeliveryMode : unsigned int { DELIVERY_DIRECT = 0, DELIVERY_RAW = 1 };
@@ -32,7 +34,8 @@ public:
 
     static Appender* findAppender(const char* name);
     static const std::vector<Appender*>& getAllAppenders();
-    // Asks the event buffer to deliver the calling thread's pending events now.
+    // Delivers the pending events of every thread's event buffer now: the
+    // blocks that hold events go to the raw appenders and the dump.
     static void flushOutput();
 
     const char* getName() const { return name_.c_str(); }
@@ -70,6 +73,7 @@ protected:
     MultiThreading::Mutex& mutex() { return mutex_; }
 
 private:
+    friend void restartAsyncDeliveryInChild();
     struct AsyncQueue;
     struct AsyncState {
         std::atomic<bool> on{false};

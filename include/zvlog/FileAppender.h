@@ -11,7 +11,9 @@
 // how long the live file is; after a roll it continues in the file the name
 // now refers to, so its next records land there. The first-byte lock is
 // taken only around a roll, which looks again under the lock whether another
-// process has just rolled. A plain FileAppender does not look: like the
+// process has just rolled. It is taken through a descriptor opened for the
+// roll: children of fork() share their parent's descriptors, and a lock taken
+// through one of those would be held by all of them at once. A plain FileAppender does not look: like the
 // original stream it keeps writing to the file it opened.
 //
 // System calls per record (records of r bytes, buffer of b bytes):
@@ -175,9 +177,10 @@ public:
     struct RollFailure;
 
 private:
-    // Deletes the oldest backup and moves the others, and the file, up by
-    // one; true when the name's file was moved away (or was not there).
-    bool shiftBackups(const std::string& name, std::vector<RollFailure>& failures);
+    // Deletes the oldest backup and moves the others, and with moveLive the
+    // file, up by one; true when the name's file was moved away (or was not
+    // there).
+    bool shiftBackups(const std::string& name, std::vector<RollFailure>& failures, bool moveLive = true);
     void rollWithoutFile(std::vector<RollFailure>& failures);
 
     int maxBackupIndex_ = 1;

@@ -45,7 +45,7 @@ public:
     unsigned long long getEventsLogged() const {
         return eventsLogged_.load(std::memory_order_relaxed) + eventsLoggedLocked_.load(std::memory_order_relaxed);
     }
-    unsigned long long getEventsIssued() const { return eventsIssued_; }
+    unsigned long long getEventsIssued() const { return eventsIssued_.load(std::memory_order_relaxed); }
 
     static LoggerRepository* getRepository();
 
@@ -93,7 +93,8 @@ private:
     // waits for it reads it over and over, and would take the line away from
     // the holder's counters each time.
     alignas(64) MultiThreading::Mutex mutex_{MultiThreading::Mutex::NonRecursive};
-    alignas(64) unsigned long long eventsIssued_ = 0;
+    // Written under the logger's lock, read by reports without it.
+    alignas(64) std::atomic<unsigned long long> eventsIssued_{0};
     // Events logged at this logger while its mutex was held for delivery:
     // one writer at a time, so no locked instruction.
     std::atomic<unsigned long long> eventsLoggedLocked_{0};

@@ -46,13 +46,25 @@ bool runRequestedScenario(const std::map<std::string, Scenario>& scenarios) {
     exit(0);
 }
 
-ChildResult runChild(const std::string& scenario, const std::vector<std::string>& environment) {
+ChildResult runChild(const std::string& scenario, const std::vector<std::string>& environment,
+                     const std::string& program, const std::string& directory) {
     ChildResult result;
-    std::vector<std::string> entries;
-    for (char** e = environ; *e; ++e)
-        if (strncmp(*e, kScenarioVariable, strlen(kScenarioVariable)) != 0) entries.emplace_back(*e);
+    std::vector<std::string> entries = environment;
     entries.push_back(std::string(kScenarioVariable) + "=" + scenario);
-    for (const std::string& e : environment) entries.push_back(e);
+    // The length of the name part an entry matches inherited entries on.
+    auto matched = [](const std::string& e) -> size_t {
+        const size_t equals = e.find('=');
+        if (equals != std::string::npos) return equals + 1;
+        return !e.empty() && e.back() == '*' ? e.size() - 1 : 0;
+    };
+    const size_t own = entries.size();
+    for (char** e = environ; *e; ++e) {
+        bool replaced = false;
+        for (size_t i = 0; i < own && !replaced; ++i)
+            replaced = matched(entries[i]) > 0 && strncmp(*e, entries[i].c_str(), matched(entries[i])) == 0;
+        if (!replaced) entries.emplace_back(*e);
+    }
+    std::erase_if(entries, [](const std::string& e) { return e.find('=') == std::string::npos; });
     std::vector<char*> envp;
     for (std::string& e : entries) envp.push_back(e.data());
     envp.push_back(nullptr);
@@ -63,10 +75,11 @@ ChildResult runChild(const std::string& scenario, const std::vector<std::string>
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_adddup2(&actions, out[1], 1);
     posix_spawn_file_actions_adddup2(&actions, err[1], 2);
-    std::string program = executablePath();
-    char* argv[] = {program.data(), nullptr};
+    if (!directory.empty()) posix_spawn_file_actions_addchdir_np(&actions, directory.c_str());
+    std::string path = program.empty() ? executablePath() : program;
+    char* argv[] = {path.data(), nullptr};
     pid_t pid = -1;
-    int rc = posix_spawn(&pid, program.c_str(), &actions, nullptr, argv, envp.data());
+    int rc = posix_spawn(&pid, path.c_str(), &actions, nullptr, argv, envp.data());
     posix_spawn_file_actions_destroy(&actions);
     close(out[1]);
     close(err[1]);

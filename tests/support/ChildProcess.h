@@ -14,6 +14,8 @@ struct ChildResult {
     int status = -1;      // the exit status, or the signal's number
     std::string out;
     std::string err;
+
+    bool succeeded() const { return exited && status == 0; }
 };
 
 using Scenario = void (*)();
@@ -23,9 +25,12 @@ using Scenario = void (*)();
 // process it does nothing. Call it from a namespace-scope initializer.
 bool runRequestedScenario(const std::map<std::string, Scenario>& scenarios);
 
-// Starts this program as a child playing `scenario`, with the extra
-// environment entries ("NAME=value"), and collects its output and status.
-ChildResult runChild(const std::string& scenario, const std::vector<std::string>& environment = {});
+// Starts this program (or `program`, a link to it) as a child playing
+// `scenario` in `directory` (empty: this one), and collects its output and
+// status. An environment entry "NAME=value" replaces an inherited NAME; an
+// entry "PREFIX*" drops every inherited variable whose name starts so.
+ChildResult runChild(const std::string& scenario, const std::vector<std::string>& environment = {},
+                     const std::string& program = "", const std::string& directory = "");
 
 // The directory of the running test program (where libzvrepo.so is built).
 std::string programDirectory();

@@ -4,6 +4,7 @@
 #include <cinttypes>
 #include <cstring>
 #include <mutex>
+#include <new>
 #include <vector>
 
 #include "zvlog/Logger.h"
@@ -76,11 +77,13 @@ const std::vector<Appender*>& Appender::getAllAppenders() { return registry().ap
 
 void Appender::flushOutput() {
     ThreadRecord* r = peekThreadRecord();
-    if (r && r->buffer && r->depth == 0) {
-        ++r->depth;  // what the flush delivers may not log back into this buffer
+    if (r && insideLogging(r)) return;  // from inside an appender: the caller's event is not whole yet
+    if (r && r->buffer) {
+        enterLogging(r);  // what the flush delivers may not log back into this buffer
         r->buffer->flush();
-        --r->depth;
+        leaveLogging(r);
     }
+    flushOtherThreadBuffers();
 }
 
 void Appender::setName(const char* name) { name_ = name ? name : ""; }
@@ -176,7 +179,7 @@ unsigned int Appender::deliveryThread(void* self) {
     // Appends on this thread count as being inside a logging call, as they do
     // for direct delivery: whatever an appender logs is dropped.
     ThreadRecord* record = currentThreadRecord();
-    if (record) ++record->depth;
+    if (record) enterLogging(record);
     for (;;) {
         const bool stopping = q->awaitBatch();
         const size_t n = q->working.size();
@@ -185,7 +188,7 @@ unsigned int Appender::deliveryThread(void* self) {
         appender->countIssued(n);
         if (stopping) break;
     }
-    if (record) --record->depth;
+    if (record) leaveLogging(record);
     return 0;
 }
 
@@ -216,6 +219,26 @@ void Appender::setAsynchronous(bool on) {
         // Events that arrived after the thread's last pass are discarded.
         std::lock_guard<QueueLock> lock(q->lock);
         q->discardAll();
+    }
+}
+
+// In a child forked without exec, an asynchronous appender's delivery thread
+// is gone. What it had queued are the parent's events, which the parent
+// writes: the child drops them. The queue's lock and signals may have been in
+// use by threads that the child does not have, so they start afresh, and so
+// does the thread. The child has one thread here: no lock is needed, and none
+// could be trusted.
+void restartAsyncDeliveryInChild() {
+    for (Appender* a : registry().appenders) {
+        if (!a->async_.on.load(std::memory_order_relaxed)) continue;
+        Appender::AsyncQueue* q = a->async_.queue;
+        new (&q->lock) QueueLock();
+        new (&q->stop) MultiThreading::Event(MultiThreading::Event::ManualReset);
+        new (&q->wake) MultiThreading::Event(MultiThreading::Event::AutoReset);
+        q->discardIncoming();
+        q->working.clear();
+        q->thread = new Thread(&Appender::deliveryThread, "LogAppenderThread");
+        q->thread->Start(a);
     }
 }
 
@@ -265,18 +288,26 @@ void Appender::appendSummary(std::string& text) {
 }
 
 // A closed block goes to every enabled raw-mode appender attached to any
-// logger, once each.
+// logger, once each. Each logger's appenders are called under that logger's
+// lock, as single events are: once removeAppender has returned, the appender
+// is never called again from here, and its owner may delete it.
 void deliverRawBlock(const unsigned char* stream, uint32_t length, uint32_t eventCount) {
     if (!LibraryState::initialized()) return;
-    std::vector<Appender*> targets;
+    std::vector<Appender*> delivered;
     for (Logger* logger : Logger::getRepository()->getCurrentLoggers()) {
         if (!logger->isAttached()) continue;
-        for (Appender* a : logger->getAllAppenders())
-            if (a->isEnabled() && a->getDeliveryMode() == Appender::DELIVERY_RAW &&
-                std::find(targets.begin(), targets.end(), a) == targets.end())
-                targets.push_back(a);
+        Mutex& m = logger->mutex();
+        const bool take = !m.heldByCurrentThread();  // a configuration holds every logger's lock
+        if (take) m.lock();
+        for (Appender* a : logger->getAllAppenders()) {
+            if (!a->isEnabled() || a->getDeliveryMode() != Appender::DELIVERY_RAW ||
+                std::find(delivered.begin(), delivered.end(), a) != delivered.end())
+                continue;
+            delivered.push_back(a);
+            a->deliverRaw(stream, length, eventCount);
+        }
+        if (take) m.unlock();
     }
-    for (Appender* a : targets) a->deliverRaw(stream, length, eventCount);
 }
 
 }  // namespace zvs::zvlib::zvlog

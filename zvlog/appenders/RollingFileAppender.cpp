@@ -140,12 +140,12 @@ void RollingFileAppender::write(const void* data, unsigned long long length) {
     if (footer == 0 && isOpen()) put(data, static_cast<size_t>(n));
 }
 
-bool RollingFileAppender::shiftBackups(const std::string& name, std::vector<RollFailure>& failures) {
+bool RollingFileAppender::shiftBackups(const std::string& name, std::vector<RollFailure>& failures, bool moveLive) {
     const std::string last = backupName(name, maxBackupIndex_);
     int error = zvRemoveLogFile(last.c_str());
     if (error != 0 && error != ENOENT) failures.push_back({1093, 3556, last, std::string(), zvErrorText(error)});
-    bool movedAway = false;
-    for (int i = maxBackupIndex_; i >= 1; --i) {
+    bool movedAway = !moveLive;
+    for (int i = maxBackupIndex_; i >= (moveLive ? 1 : 2); --i) {
         const std::string from = i == 1 ? name : backupName(name, i - 1);
         const std::string to = backupName(name, i);
         error = zvRenameLogFile(from.c_str(), to.c_str());
@@ -155,22 +155,35 @@ bool RollingFileAppender::shiftBackups(const std::string& name, std::vector<Roll
     return movedAway;
 }
 
-// Without a file of our own the live file, if there is one, is still locked
-// around the renames, so that they never mix with a running process's roll.
+// Without a file of our own the live file is still locked around the
+// renames, so that they never mix with another process's roll. When there is
+// no live file this roll creates it, empty, to hold the lock, and moves only
+// the backups: as if the missing file had been renamed, and the file that
+// is then opened is this one.
 void RollingFileAppender::rollWithoutFile(std::vector<RollFailure>& failures) {
     const std::string name = getFile();
     int fd = -1;
-    for (int attempt = 0; attempt < 3 && fd < 0; ++attempt) {
+    bool created = false;
+    for (int attempt = 0; attempt < 100 && fd < 0; ++attempt) {
+        created = false;
         fd = zvOpenLogFile(name.c_str(), false, true);
-        if (fd < 0) break;  // no live file
+        if (fd < 0 && errno == ENOENT) {
+            fd = zvCreateLogFile(name.c_str());
+            if (fd < 0 && errno == EEXIST) continue;  // created meanwhile: open that one
+            created = fd >= 0;
+        }
+        if (fd < 0) break;  // cannot be opened: nothing to lock, nobody to meet
         LogFileFacts mine, now;
-        if (zvLockFileFirstByte(fd) && zvLogFileFacts(fd, mine) && zvLogFileFacts(name.c_str(), now) &&
-            mine.sameFile(now))
+        if (!zvLockFileFirstByte(fd)) {
+            zvCloseLogFile(fd);
+            fd = -1;
             break;
+        }
+        if (zvLogFileFacts(fd, mine) && zvLogFileFacts(name.c_str(), now) && mine.sameFile(now)) break;
         zvCloseLogFile(fd);  // rolled meanwhile: lock the new one
         fd = -1;
     }
-    keepExisting_ = shiftBackups(name, failures);
+    keepExisting_ = shiftBackups(name, failures, !created);
     zvCloseLogFile(fd);
 }
 
@@ -185,8 +198,14 @@ void RollingFileAppender::rollOver() {
         raiseFailures(failures);
         return;
     }
-    const int lockedFd = fd();
-    if (!zvLockFileFirstByte(lockedFd)) {
+    // The lock goes through a descriptor of the roll's own: the open one may
+    // be shared with other processes (children of fork()), which would all
+    // hold a lock taken through it. Closing the own one releases the lock.
+    const int openFd = fd();
+    const int ownFd = zvReopenLogFile(openFd);
+    const int lockFd = ownFd >= 0 ? ownFd : openFd;
+    if (!zvLockFileFirstByte(lockFd)) {
+        zvCloseLogFile(ownFd);
         rolling_ = false;
         return;
     }
@@ -194,8 +213,11 @@ void RollingFileAppender::rollOver() {
         // Another process rolled the file while we waited for the lock: our
         // pending records and the next ones go to the file it opened.
         flushBuffer(true);
-        if (fd() == lockedFd) followName();
-        if (fd() == lockedFd) zvUnlockFileFirstByte(lockedFd);
+        if (fd() == openFd) followName();
+        if (ownFd >= 0)
+            zvCloseLogFile(ownFd);
+        else if (fd() == openFd)
+            zvUnlockFileFirstByte(openFd);
         rolling_ = false;
         return;
     }
@@ -208,6 +230,7 @@ void RollingFileAppender::rollOver() {
     activateOptions();
     keepExisting_ = false;
     zvCloseLogFile(oldFd);
+    zvCloseLogFile(ownFd);
     rolling_ = false;
     raiseFailures(failures);
 }

@@ -253,15 +253,26 @@ void LogBufferImpl::finishBlock(unsigned char* block) {
         releaseBlock(block);
 }
 
-void LogBufferImpl::closeBlock() {
-    if (!base_) return;
+// Ends the block with its '>' and its length; the buffer has no block then.
+unsigned char* LogBufferImpl::sealBlock() {
     unsigned char* block = base_;
     block[position_] = kEnd;
     headOf(block)->dataLength = position_ + 1 - kBlockHeadSize;
     base_ = nullptr;
     position_ = eventStart_ = argumentsStart_ = 0;
-    finishBlock(block);
+    return block;
 }
+
+void LogBufferImpl::closeBlock() {
+    if (base_) finishBlock(sealBlock());
+}
+
+unsigned char* LogBufferImpl::detachBlock() {
+    if (!base_ || headOf(base_)->eventCount == 0 || eventPending()) return nullptr;
+    return sealBlock();
+}
+
+void LogBufferImpl::handOn(unsigned char* block) { finishBlock(block); }
 
 // The bytes a fresh block needs for its thread context and the current
 // event's header described in full. May overestimate, never underestimate.

@@ -25,6 +25,12 @@ public:
     // Closes the current block if it holds an event; the next event starts a
     // fresh block.
     void flush();
+    // For a flush on another thread, while this buffer's thread is outside
+    // logging: ends the current block if it holds an event and returns it
+    // (null otherwise); the thread's next event starts a fresh block.
+    // handOn then does what closing does with it.
+    unsigned char* detachBlock();
+    static void handOn(unsigned char* block);
     // Room left for stream bytes in the current block (0 without a block).
     unsigned int remaining() const;
 
@@ -43,6 +49,7 @@ private:
     struct State;
     void startBlock();
     void closeBlock();
+    unsigned char* sealBlock();
     static void finishBlock(unsigned char* block);
     bool writeEventHeader();
     void continueInNewBlock();

@@ -4,6 +4,7 @@
 
 #include "zvlog/zvMessage.h"
 #include "zvlog/context/ProgramTables.h"
+#include "zvlog/msg/RaiseMessage.h"
 
 #include <ctime>
 
@@ -59,6 +60,9 @@ bool CAppContext::SetItem(ContextItemID id, const char* text) {
 }
 
 CAppContext* getAppContext() {
+    // Building the context builds the filesystem hierarchy, which may raise;
+    // raising needs the factory, which needs this context.
+    const zvs::zvlib::zvlog::detail::DeferredRaiseScope deferRaises;
     static CAppContext* const context = new CAppContext();
     return context;
 }

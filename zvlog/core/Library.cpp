@@ -1,11 +1,14 @@
 #include "zvlog/core/Library.h"
 
+#include <pthread.h>
+
 #include "zvlog/Log.h"
 #include "zvlog/Logger.h"
 #include "zvlog/LoggingTime.h"
 #include "zvlog/MultiThreading.h"
 #include "zvlog/buffer/Block.h"
 #include "zvlog/core/RawDelivery.h"
+#include "zvlog/core/ThreadRecord.h"
 #include "zvlog/zvlog.h"
 #include "zvunicode/IcuConverterPath.h"
 
@@ -66,6 +69,13 @@ void LibraryState::phase2() {
     repo->updateEffectiveLevels();
     binary::setRawDeliveryHook(&deliverRawBlock);
     LoggingTime::initialize();
+    // A child forked without exec keeps logging with threads of its own.
+    ::pthread_atfork(nullptr, nullptr, [] {
+        if (ThreadRecord* r = peekThreadRecord()) r->osThreadId = MultiThreading::currentThreadId();
+        forgetOtherThreadsInChild();
+        restartClockInChild();
+        restartAsyncDeliveryInChild();
+    });
     // ICU's data path changes here, at load, before any thread of the
     // program can be reading it.
     zvUseLibraryIcuConverters();

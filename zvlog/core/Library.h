@@ -31,4 +31,9 @@ private:
     static std::atomic<LoggerRepository*> repository_;
 };
 
+// In a child forked without exec, before it goes on: the library's threads
+// are started again (the clock's, each asynchronous appender's).
+void restartClockInChild();
+void restartAsyncDeliveryInChild();
+
 }  // namespace zvs::zvlib::zvlog

@@ -114,11 +114,11 @@ void logEvent(Logger* logger, unsigned char level, CallSite& site, const char* f
               unsigned short count) {
     const int savedErrno = errno;
     ThreadRecord* thread = currentThreadRecord();
-    if (ZVLOG_UNLIKELY(!thread || thread->depth != 0)) {  // logging from inside logging
+    if (ZVLOG_UNLIKELY(!thread || insideLogging(thread))) {  // logging from inside logging
         errno = savedErrno;
         return;
     }
-    ++thread->depth;
+    enterLogging(thread);
     thread->savedErrno = savedErrno;
 
     unsigned int key = site.key.load(std::memory_order_acquire);
@@ -153,7 +153,7 @@ void logEvent(Logger* logger, unsigned char level, CallSite& site, const char* f
 
     logger->doAppend(&event);
 
-    --thread->depth;
+    leaveLogging(thread);
     errno = savedErrno;
 }
 

@@ -132,7 +132,8 @@ void Logger::doAppend(const LoggingEvent* event) {
                 if (a->isEnabled() && level >= a->getThreshold() &&
                     a->getDeliveryMode() == Appender::DELIVERY_DIRECT)
                     a->deliver(event);
-                ++current->eventsIssued_;
+                current->eventsIssued_.store(current->eventsIssued_.load(std::memory_order_relaxed) + 1,
+                                             std::memory_order_relaxed);
             }
             if (current == this) {
                 eventsLoggedLocked_.store(eventsLoggedLocked_.load(std::memory_order_relaxed) + 1,

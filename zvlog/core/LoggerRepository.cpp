@@ -286,7 +286,7 @@ void LoggerRepository::getSummaryReport(std::string& text) {
         MutexLock lock(mutex_);
         rows.reserve(impl_->loggers.size());
         for (Logger* l : impl_->loggers)
-            rows.push_back({*l->name_ ? l->name_ : "root", l->effectiveLevel_, l->getEventsLogged(), l->eventsIssued_});
+            rows.push_back({*l->name_ ? l->name_ : "root", l->effectiveLevel_, l->getEventsLogged(), l->getEventsIssued()});
         events = totalEvents();
         bytes = totalBytes();
     }

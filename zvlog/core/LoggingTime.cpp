@@ -105,6 +105,19 @@ void LoggingTime::initialize() {
     cachedClock.store(true, std::memory_order_release);
 }
 
+// A child forked without exec has none of the parent's threads: its clock
+// would stand still. The parent's thread object and signal are left as they
+// are (their memory is the child's copy); the child gets its own.
+void restartClockInChild() {
+    if (!timeThread || !cachedClock.load(std::memory_order_relaxed)) return;
+    refresh();
+    asleep.store(false, std::memory_order_relaxed);
+    currentTimeoutMs.store(1, std::memory_order_relaxed);
+    wakeSignal = new Event(Event::AutoReset);
+    timeThread = new Thread(&timeThreadLoop, "TimeThread");
+    timeThread->Start(nullptr);
+}
+
 void LoggingTime::stopTimeThread() {
     Thread* t = timeThread;
     if (!t) return;

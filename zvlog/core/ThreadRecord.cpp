@@ -1,8 +1,18 @@
 #include "zvlog/core/ThreadRecord.h"
 
+#include <linux/membarrier.h>
+#include <sched.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
+#include <mutex>
+#include <new>
+#include <vector>
 
 #include "zvlog/Logger.h"
 #include "zvlog/MultiThreading.h"
@@ -28,7 +38,85 @@ struct RecordHolder {
 };
 thread_local RecordHolder tlsHolder;
 
+// Every live record, for a flush of all buffers.
+struct Records {
+    std::mutex mutex;
+    std::vector<ThreadRecord*> list;
+};
+
+Records& records() {
+    static Records* r = new Records();  // outlives every thread
+    return *r;
+}
+
+// Orders every other running thread's earlier stores before its later loads,
+// as a full fence in each of them would. False when the kernel offers no
+// such barrier.
+bool processWideBarrier() {
+    static const int command = [] {
+        if (syscall(SYS_membarrier, MEMBARRIER_CMD_REGISTER_PRIVATE_EXPEDITED, 0, 0) == 0)
+            return int{MEMBARRIER_CMD_PRIVATE_EXPEDITED};
+        const long supported = syscall(SYS_membarrier, MEMBARRIER_CMD_QUERY, 0, 0);
+        return supported > 0 && (supported & MEMBARRIER_CMD_GLOBAL) ? int{MEMBARRIER_CMD_GLOBAL} : 0;
+    }();
+    return command != 0 && syscall(SYS_membarrier, command, 0, 0) == 0;
+}
+
 }  // namespace
+
+void waitWhileFlushed(ThreadRecord* r) {
+    const int depth = r->depth.load(std::memory_order_relaxed);
+    do {
+        r->depth.store(depth - 1, std::memory_order_release);
+        while (r->flushClaim.load(std::memory_order_acquire)) sched_yield();
+        r->depth.store(depth, std::memory_order_relaxed);
+        std::atomic_signal_fence(std::memory_order_seq_cst);
+    } while (r->flushClaim.load(std::memory_order_acquire));
+}
+
+// Claims every other thread that has a buffer and makes the claims and the
+// threads' depths visible to each other with one barrier. From then on a
+// claimed thread that is outside logging stays outside until its claim ends:
+// its open block is taken, and the claim ends. A thread inside a logging call
+// is waited for (it stops at its next entry) for a few milliseconds at most.
+// The blocks are handed on (delivered to raw appenders, kept for the dump)
+// after every claim has ended.
+void flushOtherThreadBuffers() {
+    ThreadRecord* self = tlsThreadRecord;
+    std::vector<unsigned char*> taken;
+    {
+        Records& all = records();
+        std::lock_guard<std::mutex> lock(all.mutex);
+        std::vector<ThreadRecord*> pending;
+        for (ThreadRecord* r : all.list)
+            if (r != self && r->buffer) pending.push_back(r);
+        if (pending.empty()) return;
+        for (ThreadRecord* r : pending) r->flushClaim.store(true, std::memory_order_relaxed);
+        const bool ordered = processWideBarrier();
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(20);
+        while (ordered && !pending.empty()) {
+            auto outside = [&](ThreadRecord* r) {
+                if (r->depth.load(std::memory_order_acquire) != 0) return false;
+                if (unsigned char* block = r->buffer->detachBlock()) taken.push_back(block);
+                r->flushClaim.store(false, std::memory_order_release);
+                return true;
+            };
+            pending.erase(std::remove_if(pending.begin(), pending.end(), outside), pending.end());
+            if (pending.empty() || std::chrono::steady_clock::now() > deadline) break;
+            sched_yield();
+        }
+        for (ThreadRecord* r : pending) r->flushClaim.store(false, std::memory_order_release);
+    }
+    for (unsigned char* block : taken) LogBufferImpl::handOn(block);
+}
+
+void forgetOtherThreadsInChild() {
+    Records& all = records();
+    new (&all.mutex) std::mutex();
+    ThreadRecord* self = tlsThreadRecord;
+    all.list.clear();
+    if (self) all.list.push_back(self);
+}
 
 ZVLOG_API __thread ThreadRecord* tlsThreadRecord __attribute__((tls_model("initial-exec"))) = nullptr;
 
@@ -41,6 +129,11 @@ ThreadRecord* createThreadRecord() {
         char buf[32];
         snprintf(buf, sizeof buf, "%u", r->osThreadId);
         r->name = buf;
+    }
+    {
+        Records& all = records();
+        std::lock_guard<std::mutex> lock(all.mutex);
+        all.list.push_back(r);
     }
     tlsThreadRecord = r;
     tlsHolder.record = r;
@@ -56,8 +149,8 @@ LogBufferImpl* createThreadBuffer(ThreadRecord* record) {
 
 Logger::LoggingRecursionCheck::LoggingRecursionCheck() : buffer_(nullptr), savedErrno_(errno) {
     ThreadRecord* r = currentThreadRecord();
-    if (r && r->depth == 0) {
-        ++r->depth;
+    if (r && !insideLogging(r)) {
+        enterLogging(r);
         r->savedErrno = savedErrno_;
         buffer_ = threadBuffer(r);
     }
@@ -67,7 +160,7 @@ Logger::LoggingRecursionCheck::LoggingRecursionCheck() : buffer_(nullptr), saved
 Logger::LoggingRecursionCheck::~LoggingRecursionCheck() {
     if (buffer_) {
         ThreadRecord* r = tlsThreadRecord;
-        if (r) --r->depth;
+        if (r) leaveLogging(r);
     }
     errno = savedErrno_;
 }
@@ -85,11 +178,17 @@ const char* LoggerRepository::getThreadName() {
 void LoggerRepository::threadComplete() {
     ThreadRecord* r = tlsThreadRecord;
     if (!r) return;
+    {
+        // After this, no flush of all buffers looks at this one.
+        Records& all = records();
+        std::lock_guard<std::mutex> lock(all.mutex);
+        all.list.erase(std::remove(all.list.begin(), all.list.end(), r), all.list.end());
+    }
     tlsThreadRecord = nullptr;
     tlsHolder.record = nullptr;
     // Closing the buffer hands its last block on; logging from what that
     // triggers is dropped, as the thread is still marked as logging.
-    r->depth = 1;
+    r->depth.store(1, std::memory_order_relaxed);
     delete r->buffer;
     delete r;
     // A library thread may log again after its record went (for instance

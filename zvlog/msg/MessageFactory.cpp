@@ -27,6 +27,7 @@
 #include "zvlog/SourceContext.h"
 #include "zvlog/msg/MessageInternals.h"
 #include "zvlog/msg/MessageTesting.h"
+#include "zvlog/msg/RaiseMessage.h"
 
 namespace msg = zvs::zvlib::zvlog::msg;
 using msg::Action;
@@ -440,6 +441,9 @@ CMessageFactory* CMessageFactory::GetDefaultFactory() {
     // Something the load itself raised: no factory yet for it.
     if (tLoadingDefault) return nullptr;
     KeepErrno keepErrno;
+    // Raised while the catalog loads (by the contexts it reads, say): issued
+    // once the factory is in place, after the lock below is released.
+    const zvs::zvlib::zvlog::detail::DeferredRaiseScope deferRaises;
     static std::mutex creation;
     std::lock_guard<std::mutex> lock(creation);
     if (CMessageFactory* factory = gDefaultFactory.load(std::memory_order_acquire)) return factory;

@@ -4,6 +4,7 @@
 #include <cinttypes>
 #include <cstdio>
 #include <map>
+#include <string>
 #include <mutex>
 #include <vector>
 
@@ -79,8 +80,8 @@ void appendArgument(std::string& line, const MessageArgument& a) {
 // The fallback when the factory cannot be used (nested too deeply, or raised
 // by the catalog's own load on this thread): one line on standard error with
 // the code, where it was raised and the arguments.
-void printRaised(unsigned int number, const MessageSource& source,
-                 std::initializer_list<MessageArgument> arguments) {
+template <class Arguments>
+void printRaised(unsigned int number, const MessageSource& source, const Arguments& arguments) {
     char head[128];
     snprintf(head, sizeof head, "QMR-%05u: ", number % 100000);
     std::string line(head);
@@ -102,6 +103,38 @@ void printRaised(unsigned int number, const MessageSource& source,
     fflush(stderr);
 }
 
+// A raise kept until the thread leaves its outermost DeferredRaiseScope.
+struct DeferredRaise {
+    unsigned int number;
+    std::string component, file, function;
+    unsigned int line;
+    std::vector<MessageArgument> arguments;
+    std::vector<std::string> texts;  // what the String arguments point at
+    RaiseMode mode;
+};
+
+thread_local int deferDepth = 0;
+thread_local std::vector<DeferredRaise> deferred;
+
+void keep(unsigned int number, const MessageSource& source, std::initializer_list<MessageArgument> arguments,
+          RaiseMode mode) {
+    DeferredRaise& d = deferred.emplace_back();
+    d.number = number;
+    d.component = source.component ? source.component : "";
+    d.file = source.file ? source.file : "";
+    d.function = source.function ? source.function : "";
+    d.line = source.line;
+    d.mode = mode;
+    d.texts.reserve(arguments.size());
+    for (const MessageArgument& a : arguments) {
+        d.arguments.push_back(a);
+        if (a.kind == MessageArgument::String) d.texts.emplace_back(a.text);
+    }
+    size_t text = 0;
+    for (MessageArgument& a : d.arguments)
+        if (a.kind == MessageArgument::String) a.text = d.texts[text++].c_str();
+}
+
 CDataItem toItem(const MessageArgument& a) {
     switch (a.kind) {
     case MessageArgument::Int32:
@@ -120,15 +153,8 @@ CDataItem toItem(const MessageArgument& a) {
     return CDataItem(a.ptr);
 }
 
-}  // namespace
-
-void raiseMessage(unsigned int number, const MessageSource& source,
-                  std::initializer_list<MessageArgument> arguments, RaiseMode mode) {
-    const KeepErrno keepErrno;
-    {
-        std::lock_guard<std::mutex> lock(countsMutex());
-        ++counts()[number];
-    }
+template <class Arguments>
+void raiseNow(unsigned int number, const MessageSource& source, const Arguments& arguments, RaiseMode mode) {
     if (raiseDepth >= kMaxRaiseDepth) {
         printRaised(number, source, arguments);
         return;
@@ -157,6 +183,39 @@ void raiseMessage(unsigned int number, const MessageSource& source,
         if (!context.Exists(message)) delete message;
     } else {
         CMessageFactory::ProcessMessage(message, CMessageFactory::IssueMessage);
+    }
+}
+
+}  // namespace
+
+void raiseMessage(unsigned int number, const MessageSource& source,
+                  std::initializer_list<MessageArgument> arguments, RaiseMode mode) {
+    const KeepErrno keepErrno;
+    {
+        std::lock_guard<std::mutex> lock(countsMutex());
+        ++counts()[number];
+    }
+    if (deferDepth > 0) {
+        keep(number, source, arguments, mode);
+        return;
+    }
+    raiseNow(number, source, arguments, mode);
+}
+
+DeferredRaiseScope::DeferredRaiseScope() { ++deferDepth; }
+
+DeferredRaiseScope::~DeferredRaiseScope() {
+    if (--deferDepth > 0 || deferred.empty()) return;
+    const KeepErrno keepErrno;
+    // Raising may open scopes of its own, which find the list empty.
+    std::vector<DeferredRaise> pending;
+    pending.swap(deferred);
+    try {
+        for (const DeferredRaise& d : pending)
+            raiseNow(d.number, MessageSource{d.component.c_str(), d.file.c_str(), d.function.c_str(), d.line},
+                     d.arguments, d.mode);
+    } catch (...) {
+        // Nothing escapes into the code whose construction ended here.
     }
 }
 

@@ -53,6 +53,20 @@ ZVLOG_API void raiseMessage(unsigned int number, const MessageSource& source,
                             std::initializer_list<MessageArgument> arguments = {},
                             RaiseMode mode = RaiseMode::Issue);
 
+// While a thread builds something that the message factory itself needs (the
+// factory, the application context, the filesystem hierarchy), raising a
+// message there would re-enter that construction. Every raise made inside
+// such a scope is kept, with copies of its arguments, and raised in order when
+// the thread leaves its outermost scope. Put the scope around the guarded
+// construction, never inside it, so that it ends after the construction has.
+class ZVLOG_API DeferredRaiseScope {
+public:
+    DeferredRaiseScope();
+    ~DeferredRaiseScope();
+    DeferredRaiseScope(const DeferredRaiseScope&) = delete;
+    DeferredRaiseScope& operator=(const DeferredRaiseScope&) = delete;
+};
+
 // How many times a message number was raised in this process (for tests and
 // the summary of a run).
 ZVLOG_API unsigned long long raisedMessageCount(unsigned int number);
