@@ -5,6 +5,7 @@
 #include <unicode/locid.h>
 #include <unicode/timezone.h>
 
+#include <climits>
 #include <cstring>
 #include <string>
 #include <thread>
@@ -149,6 +150,31 @@ TEST_F(MessageTest, NaturalFormsByItemType) {
                                CDataItem("t"), CDataItem(static_cast<const void*>(nullptr)), CDataItem(when)});
     EXPECT_STREQ(message->Format(), "1|0|<Unknown>|0|t|0|2023-11-14 22:13:20.000");
     delete message;
+}
+
+// A time item's seconds become milliseconds; seconds that would overflow 64
+// bits of milliseconds still print as the latest (or earliest) date the
+// calendar knows, never wrapped around to the other end.
+TEST_F(MessageTest, TimesBeyondSixtyFourBitMillisecondsPrintAtTheCalendarsEnd) {
+    auto when = [](long long seconds) {
+        std::vector<CDataItem> items{CDataItem(0), CDataItem(0u), CDataItem(0ll), CDataItem(0ull), CDataItem("t"),
+                                     CDataItem(static_cast<const void*>(nullptr)), CDataItem(timespec{seconds, 0})};
+        CMessage* message = fromItems(5011, items);
+        const char* text = message->Format();
+        const std::string result = text ? text : "<null>";
+        delete message;
+        return result.substr(result.rfind('|') + 1);
+    };
+    // Past the calendar's own range (about 5.8 million years) it shows its last day.
+    const std::string latest = when(183882168921601LL);
+    const std::string earliest = when(-184303902528001LL);
+    ASSERT_NE(latest, "<null>");
+    ASSERT_NE(latest, earliest);
+    for (long long seconds : {9223372036854776LL, 4611686018427387904LL, LLONG_MAX})
+        EXPECT_EQ(when(seconds), latest) << seconds;
+    for (long long seconds : {-9223372036854776LL, -4611686018427387904LL, LLONG_MIN})
+        EXPECT_EQ(when(seconds), earliest) << seconds;
+    EXPECT_EQ(when(1700000000), "2023-11-14 22:13:20.000");
 }
 
 TEST_F(MessageTest, FormatConvertsToTheCharacterSetAndFailsWithNull) {

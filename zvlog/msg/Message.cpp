@@ -140,8 +140,10 @@ icu::Formattable formattable(const CDataItem& item, int form) {
     case CDataItem::TypeTimespec: {
         // Microseconds / 1000000, not / 1000: sub-second parts add less than a
         // millisecond. Kept so; texts and stored reports depend on it.
+        // The milliseconds are counted in floating point, as UDate is: seconds
+        // beyond +-9.2e15 would overflow them in 64 bits.
         const long long microseconds = v.ts.tv_nsec / 1000;
-        result.setDate(static_cast<UDate>(static_cast<long long>(v.ts.tv_sec) * 1000 + microseconds / 1000000));
+        result.setDate(static_cast<UDate>(v.ts.tv_sec) * 1000.0 + static_cast<UDate>(microseconds / 1000000));
         break;
     }
     case CDataItem::TypePointer:
