@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <atomic>
-#include <chrono>
 #include <condition_variable>
 #include <mutex>
 #include <string>
@@ -95,9 +94,11 @@ TEST(FlushOutput, ConcurrentWithLoggingThreadsDeliversEachEventOnce) {
 
     constexpr int kPerThread = 20000;
     std::atomic<bool> stop{false};
+    std::atomic<long> flushes{0};
     std::thread flusher([&] {
         while (!stop.load()) {
             Appender::flushOutput();
+            flushes.fetch_add(1);
             std::this_thread::yield();
         }
     });
@@ -106,8 +107,14 @@ TEST(FlushOutput, ConcurrentWithLoggingThreadsDeliversEachEventOnce) {
         threads.emplace_back([&, t] {
             for (int i = 0; i < kPerThread; ++i) {
                 ZVLOG_INFO(logger, "value %d", t * kPerThread + i);
-                // Pauses now and then, so that flushes find the thread idle.
-                if (i % 2000 == 0) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+                // Pauses now and then until a whole flush has run while the
+                // thread was idle with events in its block (a pause of fixed
+                // length may pass unseen on a busy machine); the other thread
+                // goes on logging meanwhile.
+                if (i % 2000 == 1999) {
+                    const long seen = flushes.load();
+                    while (flushes.load() < seen + 2) std::this_thread::yield();
+                }
             }
         });
     for (std::thread& t : threads) t.join();  // a thread's last block goes out as it ends
