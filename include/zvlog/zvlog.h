@@ -12,6 +12,7 @@
 #include "zvlog/LoggingEvent.h"
 #include "zvlog/LoggingTime.h"
 #include "zvlog/ReportAppender.h"
+#include "zvlog/SyslogAppender.h"
 #include "zvlog/WriterAppender.h"
 
 // The six standard loggers and their effective-level bytes, which stay 255

@@ -1,0 +1,257 @@
+#include "zvlog/SyslogAppender.h"
+
+#include <netdb.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+
+#include "zvlog/AppContext.h"
+#include "zvlog/Layout.h"
+#include "zvlog/Logger.h"
+#include "zvlog/core/MessageRenderer.h"
+
+namespace zvs::zvlib::zvlog {
+
+namespace {
+
+// RFC 5424 header fields: printable US-ASCII without blanks, of bounded
+// length. A name that cannot be sent as it stands would make the whole
+// message unparsable, so it goes out as the NILVALUE "-" instead; one that
+// is only too long is cut to the limit.
+std::string headerField(const std::string& value, size_t limit) {
+    if (value.empty()) return "-";
+    for (unsigned char c : value)
+        if (c < 33 || c > 126) return "-";
+    return value.size() > limit ? value.substr(0, limit) : value;
+}
+
+// What the datagrams say about the process, read once.
+struct ProcessFacts {
+    std::string host, program, pid;
+};
+
+const ProcessFacts& processFacts() {
+    static const ProcessFacts facts = [] {
+        ProcessFacts f;
+        f.host = headerField(getAppContextText(ProcessHostName), 255);
+        f.program = headerField(getAppContextText(ProcessExecutableBase), 48);
+        f.pid = headerField(getAppContextText(ProcessID), 128);
+        return f;
+    }();
+    return facts;
+}
+
+// A structured-data parameter value: '"', '\' and ']' are escaped with a
+// backslash, as RFC 5424 requires inside PARAM-VALUE.
+void appendParameter(std::string& out, const char* key, const char* value) {
+    out += key;
+    out += '"';
+    for (const char* p = value ? value : ""; *p; ++p) {
+        if (*p == '"' || *p == '\\' || *p == ']') out += '\\';
+        out += *p;
+    }
+    out += '"';
+}
+
+// The event's time as local time in RFC 3339 form, with microseconds and the
+// offset from UTC.
+void appendTimestamp(std::string& out, const timeval32_t& time) {
+    const time_t seconds = static_cast<time_t>(time.tv_sec);
+    tm local{};
+    localtime_r(&seconds, &local);
+    char text[64];
+    size_t n = strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%S", &local);
+    const long offset = local.tm_gmtoff / 60;
+    n += static_cast<size_t>(snprintf(text + n, sizeof text - n, ".%06u%+03ld:%02ld", time.tv_usec % 1000000,
+                                      offset / 60, (offset < 0 ? -offset : offset) % 60));
+    out.append(text, n);
+}
+
+void closeSocket(int& fd) {
+    if (fd >= 0) ::close(fd);
+    fd = -1;
+}
+
+}  // namespace
+
+SyslogAppender::SyslogAppender(const char* name) : Appender(name) {}
+
+SyslogAppender::~SyslogAppender() {
+    setAsynchronous(false);
+    closeSockets();
+}
+
+void SyslogAppender::reset() {}
+void SyslogAppender::close() {}
+bool SyslogAppender::requiresLayout() const { return false; }
+void SyslogAppender::append(const void*, unsigned int) {}
+
+int SyslogAppender::severityOf(unsigned char level) {
+    switch (level) {
+    case LEVEL_FATAL: return 1;
+    case LEVEL_ERROR: return 3;
+    case LEVEL_WARN: return 4;
+    case LEVEL_INFO: return 6;
+    default: return 7;
+    }
+}
+
+void SyslogAppender::closeSockets() {
+    closeSocket(socket_);
+    closeSocket(localSocket_);
+    localOpened_ = false;
+}
+
+void SyslogAppender::setSyslogHost(const char* text) {
+    MultiThreading::MutexLock lock(mutex());
+    closeSocket(socket_);
+    host_ = text ? text : "";
+    if (host_.empty()) return;
+
+    // "[v6]:port", "host:port", or a bare name or address (an IPv6 address
+    // holds more than one ':').
+    std::string host = host_, service = "syslog";
+    if (host_.front() == '[') {
+        const size_t close = host_.find(']');
+        host = host_.substr(1, close == std::string::npos ? std::string::npos : close - 1);
+        if (close != std::string::npos && close + 1 < host_.size() && host_[close + 1] == ':')
+            service = host_.substr(close + 2);
+    } else if (const size_t colon = host_.find(':');
+               colon != std::string::npos && host_.find(':', colon + 1) == std::string::npos) {
+        host = host_.substr(0, colon);
+        service = host_.substr(colon + 1);
+    }
+    addrinfo hints{};
+    hints.ai_socktype = SOCK_DGRAM;
+    addrinfo* list = nullptr;
+    if (getaddrinfo(host.c_str(), service.c_str(), &hints, &list) != 0) return;
+    for (addrinfo* a = list; a; a = a->ai_next) {
+        const int fd = ::socket(a->ai_family, a->ai_socktype | SOCK_CLOEXEC, a->ai_protocol);
+        if (fd < 0) continue;
+        if (::connect(fd, a->ai_addr, a->ai_addrlen) == 0) {
+            socket_ = fd;
+            break;
+        }
+        ::close(fd);
+    }
+    freeaddrinfo(list);
+}
+
+void SyslogAppender::setLocalSocket(const char* path) {
+    MultiThreading::MutexLock lock(mutex());
+    closeSocket(localSocket_);
+    localOpened_ = false;
+    localPath_ = path ? path : "";
+}
+
+// A local socket that cannot be reached is told once, here, as a failed
+// registration; sends that fail later are told per event. An appender that
+// sends to a collector never uses the local socket and says nothing of it.
+void SyslogAppender::setFacility(Facility facility) {
+    MultiThreading::MutexLock lock(mutex());
+    const bool unchanged = facility == facility_ && localOpened_;
+    facility_ = facility;
+    if (unchanged || !host_.empty()) return;
+    closeSocket(localSocket_);
+    openLocal(true);
+}
+
+void SyslogAppender::openLocal(bool report) {
+    localOpened_ = true;
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    int error = ENAMETOOLONG;
+    if (localPath_.size() < sizeof address.sun_path) {
+        std::memcpy(address.sun_path, localPath_.c_str(), localPath_.size() + 1);
+        localSocket_ = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+        if (localSocket_ >= 0 &&
+            ::connect(localSocket_, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0)
+            return;
+        error = errno;
+        closeSocket(localSocket_);
+    }
+    if (report) {
+        printf("Failed to register event source. Error %d - %s\n", error, strerror(error));
+        fflush(stdout);
+    }
+}
+
+void SyslogAppender::append(const LoggingEvent* event) {
+    text_.clear();
+    if (Layout* layout = getLayout())
+        layout->format(event, text_);
+    else
+        renderMessage(event, text_);
+    if (!host_.empty())
+        sendRemote(event);
+    else
+        sendLocal(event);
+}
+
+void SyslogAppender::sendRemote(const LoggingEvent* event) {
+    if (socket_ < 0) return;
+    const ProcessFacts& facts = processFacts();
+    const EventAttributes& a = event->attributes;
+    const LocationRecord* site = a.location;
+    std::string& d = datagram_;
+    d.clear();
+    char number[32];
+    const int priority = severityOf(a.level) + (facility_ == FACILITY_SECURITY ? 80 : 8);
+    d.append(number, static_cast<size_t>(snprintf(number, sizeof number, "<%d>1 ", priority)));
+    appendTimestamp(d, a.time);
+    d += ' ';
+    d += facts.host;
+    d += ' ';
+    d += facts.program;
+    d += ' ';
+    d += facts.pid;
+    d += ' ';
+    const size_t sequence = static_cast<size_t>(snprintf(number, sizeof number, "%u", a.sequence));
+    d.append(number, sequence);
+    d += " [zvlog@";
+    d.append(number, sequence);
+    appendParameter(d, " category=", Logger::getRepository()->getLoggerName(a.loggerIndex));
+    appendParameter(d, " thread=", LoggerRepository::getThreadName());
+    appendParameter(d, " method=", site ? site->method : "");
+    appendParameter(d, " module=", site ? site->module : "");
+    snprintf(number, sizeof number, "%u", site ? site->line : 0u);
+    appendParameter(d, " line=", number);
+    d += "] \xEF\xBB\xBF";
+    d += text_;
+    ::send(socket_, d.data(), d.size(), MSG_NOSIGNAL);
+}
+
+// The form syslog(3) writes to the local socket:
+// "<priority>Mmm dd hh:mm:ss program[pid]: text".
+void SyslogAppender::sendLocal(const LoggingEvent* event) {
+    if (!localOpened_) openLocal(false);
+    if (localSocket_ < 0) return;
+    const ProcessFacts& facts = processFacts();
+    const EventAttributes& a = event->attributes;
+    const int facility = facility_ == FACILITY_SECURITY ? 10 : 1;
+    std::string& d = datagram_;
+    d.clear();
+    char head[64];
+    d.append(head, static_cast<size_t>(snprintf(head, sizeof head, "<%d>", facility * 8 + severityOf(a.level))));
+    const time_t seconds = static_cast<time_t>(a.time.tv_sec);
+    tm local{};
+    localtime_r(&seconds, &local);
+    d.append(head, strftime(head, sizeof head, "%b %e %T ", &local));
+    d += facts.program;
+    d += '[';
+    d += facts.pid;
+    d += "]: ";
+    d += text_;
+    if (::send(localSocket_, d.data(), d.size(), MSG_NOSIGNAL) < 0) {
+        const int error = errno;
+        printf("Failed to report error, error %d - %s\n", error, strerror(error));
+        fflush(stdout);
+    }
+}
+
+}  // namespace zvs::zvlib::zvlog
