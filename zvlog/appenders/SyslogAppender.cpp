@@ -1,11 +1,14 @@
 #include "zvlog/SyslogAppender.h"
 
+#include <fcntl.h>
 #include <netdb.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
@@ -72,6 +75,24 @@ void appendTimestamp(std::string& out, const timeval32_t& time) {
     out.append(text, n);
 }
 
+long long nowMs() {
+    return std::chrono::duration_cast<std::chrono::milliseconds>(
+               std::chrono::steady_clock::now().time_since_epoch())
+        .count();
+}
+
+// Waits until fd can take more bytes, at most until deadline.
+bool writable(int fd, long long deadlineMs) {
+    for (;;) {
+        const long long left = deadlineMs - nowMs();
+        if (left <= 0) return false;
+        pollfd p{fd, POLLOUT, 0};
+        const int n = ::poll(&p, 1, static_cast<int>(left));
+        if (n > 0) return (p.revents & (POLLERR | POLLHUP)) == 0;
+        if (n < 0 && errno != EINTR) return false;
+    }
+}
+
 void closeSocket(int& fd) {
     if (fd >= 0) ::close(fd);
     fd = -1;
@@ -113,23 +134,32 @@ void SyslogAppender::setSyslogHost(const char* text) {
     host_ = text ? text : "";
     if (host_.empty()) return;
 
-    // "[v6]:port", "host:port", or a bare name or address (an IPv6 address
-    // holds more than one ':').
-    std::string host = host_, service = "syslog";
-    if (host_.front() == '[') {
-        const size_t close = host_.find(']');
-        host = host_.substr(1, close == std::string::npos ? std::string::npos : close - 1);
-        if (close != std::string::npos && close + 1 < host_.size() && host_[close + 1] == ':')
-            service = host_.substr(close + 2);
-    } else if (const size_t colon = host_.find(':');
-               colon != std::string::npos && host_.find(':', colon + 1) == std::string::npos) {
-        host = host_.substr(0, colon);
-        service = host_.substr(colon + 1);
+    // "tcp://" first; then "[v6]:port", "host:port", or a bare name or
+    // address (an IPv6 address holds more than one ':').
+    std::string rest = host_;
+    stream_ = rest.rfind("tcp://", 0) == 0;
+    if (stream_) rest.erase(0, 6);
+    node_ = rest;
+    service_ = "syslog";
+    if (!rest.empty() && rest.front() == '[') {
+        const size_t close = rest.find(']');
+        node_ = rest.substr(1, close == std::string::npos ? std::string::npos : close - 1);
+        if (close != std::string::npos && close + 1 < rest.size() && rest[close + 1] == ':')
+            service_ = rest.substr(close + 2);
+    } else if (const size_t colon = rest.find(':');
+               colon != std::string::npos && rest.find(':', colon + 1) == std::string::npos) {
+        node_ = rest.substr(0, colon);
+        service_ = rest.substr(colon + 1);
+    }
+    if (stream_) {
+        lastConnectMs_ = -1000000;
+        connectStream();
+        return;
     }
     addrinfo hints{};
     hints.ai_socktype = SOCK_DGRAM;
     addrinfo* list = nullptr;
-    if (getaddrinfo(host.c_str(), service.c_str(), &hints, &list) != 0) return;
+    if (getaddrinfo(node_.c_str(), service_.c_str(), &hints, &list) != 0) return;
     for (addrinfo* a = list; a; a = a->ai_next) {
         const int fd = ::socket(a->ai_family, a->ai_socktype | SOCK_CLOEXEC, a->ai_protocol);
         if (fd < 0) continue;
@@ -140,6 +170,85 @@ void SyslogAppender::setSyslogHost(const char* text) {
         ::close(fd);
     }
     freeaddrinfo(list);
+}
+
+// One attempt a second at most, each address in turn, every one bounded by
+// the wait a logging thread accepts. The socket stays non-blocking.
+bool SyslogAppender::connectStream() {
+    const long long now = nowMs();
+    if (now - lastConnectMs_ < 1000) return false;
+    lastConnectMs_ = now;
+    addrinfo hints{};
+    hints.ai_socktype = SOCK_STREAM;
+    addrinfo* list = nullptr;
+    if (getaddrinfo(node_.c_str(), service_.c_str(), &hints, &list) != 0) return false;
+    for (addrinfo* a = list; a && socket_ < 0; a = a->ai_next) {
+        const int fd = ::socket(a->ai_family, a->ai_socktype | SOCK_CLOEXEC | SOCK_NONBLOCK, a->ai_protocol);
+        if (fd < 0) continue;
+        int error = 0;
+        socklen_t length = sizeof error;
+        if (::connect(fd, a->ai_addr, a->ai_addrlen) == 0 ||
+            (errno == EINPROGRESS && writable(fd, nowMs() + kTcpWaitMs) &&
+             getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &length) == 0 && error == 0))
+            socket_ = fd;
+        else
+            ::close(fd);
+    }
+    freeaddrinfo(list);
+    return socket_ >= 0;
+}
+
+// Sends all bytes or reports that the connection cannot be trusted with the
+// rest of a frame.
+bool SyslogAppender::writeWhole(const char* data, size_t size, long long deadlineMs) {
+    while (size > 0) {
+        const ssize_t n = ::send(socket_, data, size, MSG_NOSIGNAL | MSG_DONTWAIT);
+        if (n > 0) {
+            data += n;
+            size -= static_cast<size_t>(n);
+        } else if (n < 0 && errno == EINTR) {
+            continue;
+        } else if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
+            if (!writable(socket_, deadlineMs)) return false;
+        } else {
+            return false;
+        }
+    }
+    return true;
+}
+
+// Octet counting: the length, a blank, the message. A frame that could not
+// be written whole ends its connection, so that the collector never reads
+// the next message as the rest of this one.
+void SyslogAppender::sendStream(const std::string& message) {
+    // A collector that closed the connection would swallow the next frame
+    // silently: look for its end first (a collector sends nothing else).
+    if (socket_ >= 0) {
+        char c;
+        const ssize_t r = ::recv(socket_, &c, 1, MSG_PEEK | MSG_DONTWAIT);
+        if (r == 0 || (r < 0 && errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR)) closeSocket(socket_);
+    }
+    if (socket_ < 0 && !connectStream()) {
+        ++dropped_;
+        return;
+    }
+    const long long deadline = nowMs() + kTcpWaitMs;
+    // Nothing of the frame may be written before the whole can be: wait for
+    // room first, so that a stalled collector costs a drop, not a cut.
+    char length[24];
+    const int n = snprintf(length, sizeof length, "%zu ", message.size());
+    const ssize_t first = ::send(socket_, length, static_cast<size_t>(n), MSG_NOSIGNAL | MSG_DONTWAIT);
+    if (first < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
+        ++dropped_;  // the connection stays on a frame boundary
+        return;
+    }
+    if (first < 0 || !writeWhole(length + first, static_cast<size_t>(n - first), deadline) ||
+        !writeWhole(message.data(), message.size(), deadline)) {
+        ++dropped_;
+        closeSocket(socket_);
+        return;
+    }
+    ++sent_;
 }
 
 void SyslogAppender::setLocalSocket(const char* path) {
@@ -194,7 +303,10 @@ void SyslogAppender::append(const LoggingEvent* event) {
 }
 
 void SyslogAppender::sendRemote(const LoggingEvent* event) {
-    if (socket_ < 0) return;
+    if (socket_ < 0 && !stream_) {
+        ++dropped_;
+        return;
+    }
     const ProcessFacts& facts = processFacts();
     const EventAttributes& a = event->attributes;
     const LocationRecord* site = a.location;
@@ -223,7 +335,12 @@ void SyslogAppender::sendRemote(const LoggingEvent* event) {
     appendParameter(d, " line=", number);
     d += "] \xEF\xBB\xBF";
     d += text_;
-    ::send(socket_, d.data(), d.size(), MSG_NOSIGNAL);
+    if (stream_)
+        sendStream(d);
+    else if (::send(socket_, d.data(), d.size(), MSG_NOSIGNAL) >= 0)
+        ++sent_;
+    else
+        ++dropped_;
 }
 
 // The form syslog(3) writes to the local socket:
