@@ -2,10 +2,10 @@
 // ICU data that a system ships (Debian's ICU data has neither "UTF-EBCDIC" nor
 // "ibm-5233_P100-2011", the table behind "ibm-5233"). Such converters come
 // with the library instead: the build compiles them into single converter
-// files icu/icudt<major><l|b>/<name>.cnv beside libzvlog.so, and ICU, having
-// found no converter of that name in its common data, loads
-// <dir>/icudt<major><l|b>/<name>.cnv from each directory <dir> of its data
-// path. So the directory "icu" beside the library goes on that path.
+// files icu/icudt<major><l|b>/<name>.cnv beside libzvlog.so (zvlog/icu/...
+// once installed), and ICU, having found no converter of that name in its
+// common data, loads <dir>/icudt<major><l|b>/<name>.cnv from each directory
+// <dir> of its data path. So that directory goes on the path.
 //
 // It is appended, after whatever the program or ICU_DATA set, so data the
 // program ships itself comes first. ICU's data path is one process-wide
@@ -24,13 +24,25 @@
 
 namespace {
 
+namespace fs = std::filesystem;
+
+// The directory libzvlog.so was loaded from; empty if unknown.
+fs::path libraryDirectory() {
+    const std::string library =
+        zvs::zvlib::zvModulePathOf(reinterpret_cast<const void*>(&zvUseLibraryIcuConverters));
+    if (library.empty()) return {};
+    std::error_code error;
+    fs::path path = fs::absolute(fs::path(library), error);
+    return error ? fs::path() : path.parent_path();
+}
+
 void appendDirectoryBesideLibrary() {
-    namespace fs = std::filesystem;
-    std::string library = zvs::zvlib::zvModulePathOf(reinterpret_cast<const void*>(&zvUseLibraryIcuConverters));
+    const fs::path library = libraryDirectory();
     if (library.empty()) return;
     std::error_code error;
-    fs::path dir = fs::absolute(fs::path(library), error).parent_path() / "icu";
-    if (error || !fs::is_directory(dir, error)) return;
+    fs::path dir = library / "zvlog" / "icu";
+    if (!fs::is_directory(dir, error)) dir = library / "icu";
+    if (!fs::is_directory(dir, error)) return;
     const char* current = u_getDataDirectory();
     std::string path = current ? current : "";
     if (!path.empty()) path += U_PATH_SEP_CHAR;
@@ -43,4 +55,12 @@ void appendDirectoryBesideLibrary() {
 void zvUseLibraryIcuConverters() {
     static std::once_flag once;
     std::call_once(once, appendDirectoryBesideLibrary);
+}
+
+std::string zvInstalledLibraryDataDirectory() {
+    const fs::path library = libraryDirectory();
+    if (library.empty()) return {};
+    std::error_code error;
+    const fs::path dir = library / "zvlog";
+    return fs::is_directory(dir, error) ? dir.string() : std::string();
 }

@@ -28,6 +28,7 @@
 #include "zvlog/msg/MessageInternals.h"
 #include "zvlog/msg/MessageTesting.h"
 #include "zvlog/msg/RaiseMessage.h"
+#include "zvunicode/IcuConverterPath.h"
 
 namespace msg = zvs::zvlib::zvlog::msg;
 using msg::Action;
@@ -360,7 +361,8 @@ bool openBundle(CMessageFactory::Impl& impl, const char* packagePath, Diagnostic
 
 // Steps 1 to 4 of the default load: the file named by the application in the
 // library, executable and working directories, registered as the package's
-// data; else those directories on ICU's data path.
+// data; else those directories on ICU's data path, followed by the data
+// directory of an installed library.
 bool openDefaultCatalog(CMessageFactory::Impl& impl, Diagnostics& diagnostics) {
     const std::string directories[3] = {getAppContextText(DirProcessLib), getAppContextText(ProcessExecutableDir),
                                         getAppContextText(ProcessWorkingDir)};
@@ -388,6 +390,13 @@ bool openDefaultCatalog(CMessageFactory::Impl& impl, Diagnostics& diagnostics) {
             if (directory.empty()) continue;
             if (!path.empty()) path += U_PATH_SEP_CHAR;
             path += directory;
+        }
+        // Last, the catalog installed with the library: a program that ships
+        // none of its own still gets the library's messages.
+        const std::string installed = zvInstalledLibraryDataDirectory();
+        if (!installed.empty()) {
+            if (!path.empty()) path += U_PATH_SEP_CHAR;
+            path += installed;
         }
         u_setDataDirectory(path.c_str());
     }
