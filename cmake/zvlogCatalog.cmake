@@ -17,7 +17,7 @@
 include_guard(GLOBAL)
 include(GNUInstallDirs)
 
-set(ZVLOG_CATALOG_MODULE_DIR ${CMAKE_CURRENT_LIST_DIR})
+set(ZVLOG_CATALOG_MODULE_DIR ${CMAKE_CURRENT_LIST_DIR} CACHE INTERNAL "Where zvlogCatalog.cmake is")
 
 # Compiles <root> (a whole catalog text) plus the entries of each source into
 # the package file <output>. Used for the library's own catalog too.

@@ -38,7 +38,10 @@ install(FILES ${PROJECT_BINARY_DIR}/zvlogConfig.cmake ${PROJECT_BINARY_DIR}/zvlo
   ${PROJECT_SOURCE_DIR}/cmake/zvlogCatalog.cmake ${PROJECT_SOURCE_DIR}/cmake/zvlogMergeCatalog.cmake
   DESTINATION ${ZVLOG_INSTALL_CMAKEDIR})
 
-# pkg-config: the installed paths, relative to the prefix written in the file.
+# pkg-config: the prefix is found from where the file itself is installed
+# (pkg-config's ${pcfiledir}), so `cmake --install --prefix` anywhere works.
+file(RELATIVE_PATH ZVLOG_PC_PREFIX /prefix/${CMAKE_INSTALL_LIBDIR}/pkgconfig /prefix)
+string(REGEX REPLACE "/$" "" ZVLOG_PC_PREFIX "\${pcfiledir}/${ZVLOG_PC_PREFIX}")
 if(IS_ABSOLUTE "${CMAKE_INSTALL_LIBDIR}")
   set(ZVLOG_PC_LIBDIR "${CMAKE_INSTALL_LIBDIR}")
 else()
