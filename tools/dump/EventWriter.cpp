@@ -108,7 +108,9 @@ void EventWriter::writeJson(const DecodedEvent& event) {
     nlohmann::ordered_json j;
     j["time"] = isoTime(event.contextWord);
     j["sequence"] = event.eventWord;
-    j["level"] = event.categoryName;
+    // The stream names its categories; this library's writer makes the
+    // category the level and names it so. An unnamed one gets the level name.
+    j["level"] = event.categoryName != "<undefined>" ? event.categoryName : std::string(getLevelName(event.category));
     j["logger"] = event.loggerName.empty() ? std::string("root") : event.loggerName;
     j["thread"] = event.threadName;
     j["thread_id"] = event.threadId;
