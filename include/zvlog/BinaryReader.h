@@ -17,6 +17,8 @@
 
 namespace zvs::zvlib::zvlog {
 
+class PatternLayout;
+
 // One argument of a decoded event. `data` holds the value in this machine's
 // byte order and in the layout an argument has in an event-buffer block, so
 // a LoggingEvent can point straight at it:
@@ -55,6 +57,9 @@ struct ZVLOG_API DecodedEvent {
     uint32_t siteId = 0;
     uint32_t eventWord = 0;
     uint16_t siteNumber = 0;
+    // The call site's line: this library's writer makes the site id the
+    // site's location key, which keeps the line in its low 16 bits.
+    uint16_t line = 0;
     std::string format;
     std::string module;
     std::string method;
@@ -76,7 +81,11 @@ struct ZVLOG_API DecodeResult {
     // the event is kept.
     std::vector<std::string> errors;
     size_t streams = 0;    // streams read to their ">"
-    size_t consumed = 0;   // bytes of input read
+    size_t consumed = 0;   // bytes of input read, up to the end of the last whole stream
+    // The data ended inside a stream (its header or a token cut short): the
+    // last error says so, and more data may complete the stream. A reader of
+    // a file still being written decodes from `consumed` again later.
+    bool truncated = false;
     bool ok() const { return errors.empty(); }
 };
 
@@ -85,8 +94,13 @@ struct ZVLOG_API DecodeResult {
 ZVLOG_API DecodeResult decodeStream(const void* data, size_t size, const char* name = "<memory>");
 
 // Decodes a sequence of streams (the dump format: each block's stream bytes
-// one after another) until the data ends or an error stops it.
-ZVLOG_API DecodeResult decodeStreams(const void* data, size_t size, const char* name = "<memory>");
+// one after another) until the data ends or an error stops it. `origin` is
+// where `data` begins in its file: event offsets and the positions in the
+// error texts count from the file's start (`consumed` still counts bytes of
+// `data`), so a file read piece by piece gets the texts that reading it
+// whole would.
+ZVLOG_API DecodeResult decodeStreams(const void* data, size_t size, const char* name = "<memory>",
+                                     size_t origin = 0);
 
 // Reads a dump file and decodes it as a sequence of streams.
 ZVLOG_API DecodeResult decodeFile(const char* path);
@@ -98,6 +112,10 @@ ZVLOG_API std::string decodedCategoryName(unsigned char category);
 // Points `event` at the decoded event: the site texts through `site`, the
 // arguments at their data in `decoded`. Both must outlive `event`.
 ZVLOG_API void toLoggingEvent(const DecodedEvent& decoded, LocationRecord& site, LoggingEvent& event);
+
+// Appends the decoded event as `layout` formats it, with the event's own
+// logger and thread names for "%c" and "%t" (not those of this process).
+ZVLOG_API void formatDecodedEvent(PatternLayout& layout, const DecodedEvent& event, std::string& out);
 
 // One line for an event: "<thread name> <logger name> <category name> <format>"
 // followed by " | " and each argument's toString, separated by " | ".

@@ -37,6 +37,13 @@ public:
     PatternLayout(const PatternLayout&) = delete;
     PatternLayout& operator=(const PatternLayout&) = delete;
     void format(const LoggingEvent* event, std::string& out) override;
+    // Formats an event of another process (read back from the binary
+    // encoding): "%c" prints `loggerName` ("root" when empty) and "%t"
+    // `threadName` instead of this process's logger of that index and its
+    // formatting thread, and "%r", whose clock is not this process's, prints
+    // nothing. Everything else as format().
+    void formatReplayed(const LoggingEvent* event, const char* loggerName, const char* threadName,
+                        std::string& out);
     const std::string& getPattern() const { return pattern_; }
 
     struct Element {
@@ -61,6 +68,9 @@ private:
     std::string scratch_;
     std::string pattern_;
     std::unique_ptr<Caches> caches_;
+    // The names of the event formatReplayed() is formatting; null otherwise.
+    const char* replayedLogger_ = nullptr;
+    const char* replayedThread_ = nullptr;
 };
 
 // Marks an appender as carrying the binary event encoding: it receives whole

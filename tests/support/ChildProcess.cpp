@@ -7,6 +7,8 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <chrono>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -134,6 +136,92 @@ std::string readFile(const std::string& path) {
     std::ostringstream text;
     text << in.rdbuf();
     return text.str();
+}
+
+RunningProgram::RunningProgram(const std::string& program, const std::vector<std::string>& arguments) {
+    int out[2], err[2];
+    if (pipe2(out, O_CLOEXEC) != 0) return;
+    if (pipe2(err, O_CLOEXEC) != 0) {
+        close(out[0]);
+        close(out[1]);
+        return;
+    }
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
+    posix_spawn_file_actions_adddup2(&actions, out[1], 1);
+    posix_spawn_file_actions_adddup2(&actions, err[1], 2);
+    std::vector<std::string> words{program};
+    words.insert(words.end(), arguments.begin(), arguments.end());
+    std::vector<char*> argv;
+    for (std::string& w : words) argv.push_back(w.data());
+    argv.push_back(nullptr);
+    pid_t pid = -1;
+    const int rc = posix_spawn(&pid, program.c_str(), &actions, nullptr, argv.data(), environ);
+    posix_spawn_file_actions_destroy(&actions);
+    close(out[1]);
+    close(err[1]);
+    fds_[0] = out[0];
+    fds_[1] = err[0];
+    if (rc == 0) pid_ = pid;
+}
+
+RunningProgram::~RunningProgram() {
+    if (pid_ > 0) {
+        kill(pid_, SIGKILL);
+        waitpid(pid_, nullptr, 0);
+    }
+    for (int fd : fds_)
+        if (fd >= 0) close(fd);
+}
+
+void RunningProgram::pump(int timeoutMs) {
+    pollfd fds[2] = {{fds_[0], POLLIN, 0}, {fds_[1], POLLIN, 0}};
+    std::string* sinks[2] = {&result_.out, &result_.err};
+    if ((fds_[0] < 0 && fds_[1] < 0) || poll(fds, 2, timeoutMs) <= 0) return;
+    for (int i = 0; i < 2; ++i) {
+        if (fds[i].fd < 0 || !(fds[i].revents & (POLLIN | POLLHUP | POLLERR))) continue;
+        char chunk[65536];
+        const ssize_t n = read(fds[i].fd, chunk, sizeof chunk);
+        if (n > 0) {
+            sinks[i]->append(chunk, static_cast<size_t>(n));
+        } else {
+            close(fds_[i]);
+            fds_[i] = -1;
+        }
+    }
+}
+
+bool RunningProgram::waitForOutput(const std::function<bool(const std::string&)>& done, int timeoutMs) {
+    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+    while (!done(result_.out)) {
+        const auto left =
+            std::chrono::duration_cast<std::chrono::milliseconds>(end - std::chrono::steady_clock::now()).count();
+        if (left <= 0 || (fds_[0] < 0 && fds_[1] < 0)) return false;
+        pump(static_cast<int>(left));
+    }
+    return true;
+}
+
+void RunningProgram::signal(int number) {
+    if (pid_ > 0) kill(pid_, number);
+}
+
+ChildResult RunningProgram::finish() {
+    while (fds_[0] >= 0 || fds_[1] >= 0) pump(-1);
+    if (pid_ > 0) {
+        int status = 0;
+        waitpid(pid_, &status, 0);
+        pid_ = -1;
+        result_.exited = WIFEXITED(status);
+        result_.status = result_.exited ? WEXITSTATUS(status) : WTERMSIG(status);
+    }
+    return result_;
+}
+
+ChildResult runProgram(const std::string& program, const std::vector<std::string>& arguments) {
+    RunningProgram running(program, arguments);
+    return running.finish();
 }
 
 }  // namespace zvtest

@@ -3,8 +3,10 @@
 // main plays that scenario instead of the tests.
 #pragma once
 
+#include <functional>
 #include <map>
 #include <string>
+#include <sys/types.h>
 #include <vector>
 
 namespace zvtest {
@@ -31,6 +33,35 @@ bool runRequestedScenario(const std::map<std::string, Scenario>& scenarios);
 // entry "PREFIX*" drops every inherited variable whose name starts so.
 ChildResult runChild(const std::string& scenario, const std::vector<std::string>& environment = {},
                      const std::string& program = "", const std::string& directory = "");
+
+// Another program, started with `arguments` and the test's environment, its
+// standard output and error on pipes (standard input is /dev/null).
+class RunningProgram {
+public:
+    RunningProgram(const std::string& program, const std::vector<std::string>& arguments);
+    ~RunningProgram();  // kills the program if it still runs
+    RunningProgram(const RunningProgram&) = delete;
+    RunningProgram& operator=(const RunningProgram&) = delete;
+
+    bool started() const { return pid_ > 0; }
+    // Reads the program's output until `done(out)` holds (true) or
+    // `timeoutMs` has passed (false).
+    bool waitForOutput(const std::function<bool(const std::string& out)>& done, int timeoutMs);
+    const std::string& out() const { return result_.out; }
+    void signal(int number);
+    // Reads the rest of the output and waits for the program to end.
+    ChildResult finish();
+
+private:
+    // Reads what the pipes hold within `timeoutMs` (-1: until both close).
+    void pump(int timeoutMs);
+    pid_t pid_ = -1;
+    int fds_[2] = {-1, -1};
+    ChildResult result_;
+};
+
+// Runs a program to its end.
+ChildResult runProgram(const std::string& program, const std::vector<std::string>& arguments);
 
 // The directory of the running test program (where libzvrepo.so is built).
 std::string programDirectory();

@@ -9,6 +9,7 @@
 #include <mutex>
 #include <unordered_map>
 
+#include "zvlog/Layout.h"
 #include "zvlog/buffer/BinaryFormat.h"
 
 namespace zvs::zvlib::zvlog {
@@ -74,8 +75,8 @@ void append(std::string& out, T value) {
 
 class StreamDecoder {
 public:
-    StreamDecoder(const unsigned char* data, size_t size, const char* name, DecodeResult& out)
-        : data_(data), size_(size), name_(name), out_(out) {}
+    StreamDecoder(const unsigned char* data, size_t size, const char* name, size_t origin, DecodeResult& out)
+        : data_(data), size_(size), name_(name), origin_(origin), out_(out) {}
 
     // Decodes the stream at `start`; returns where it ends (after its ">"),
     // or 0 when an error stopped it.
@@ -85,6 +86,7 @@ public:
             readTokens();
             return pos_;
         } catch (const Truncated&) {
+            out_.truncated = true;
             out_.errors.push_back(format("Unexpected end of data at offset 0x%08x\n", offset(size_)));
         } catch (const Stop&) {
         }
@@ -102,14 +104,15 @@ private:
         std::string format, module, method;
     };
 
-    static unsigned offset(size_t at) { return static_cast<unsigned>(at); }
+    unsigned offset(size_t at) const { return static_cast<unsigned>(origin_ + at); }
 
     [[noreturn]] void headerError(const char* pattern, size_t start) {
-        out_.errors.push_back(format(pattern, name_, static_cast<long>(start)));
+        out_.errors.push_back(format(pattern, name_, static_cast<long>(origin_ + start)));
         throw Stop();
     }
 
     void readHeader(size_t start) {
+        if (size_ - start < kStreamHeaderSize && data_[start] == kMagic) out_.truncated = true;
         if (size_ - start < kStreamHeaderSize || data_[start] != kMagic)
             headerError("File '%s' has a malformed file header at position %ld", start);
         const unsigned char* h = data_ + start;
@@ -235,7 +238,7 @@ private:
 
     void readEvent(uint8_t token, size_t at) {
         DecodedEvent e;
-        e.offset = at;
+        e.offset = origin_ + at;
         if (thread_) {
             e.threadId = thread_->id;
             e.threadValue = thread_->value;
@@ -247,6 +250,7 @@ private:
         }
         e.siteId = readInt<uint32_t>();
         e.eventWord = readInt<uint32_t>();
+        e.line = static_cast<uint16_t>(e.siteId & 0xFFFF);
         bool countKnown = true;
         if (token == kEventDefine) {
             Site site;
@@ -377,6 +381,7 @@ private:
     const unsigned char* data_;
     size_t size_;
     const char* name_;
+    size_t origin_;
     DecodeResult& out_;
     size_t pos_ = 0;
     bool swap_ = false;
@@ -553,17 +558,17 @@ std::string DecodedArgument::toString() const {
 
 DecodeResult decodeStream(const void* data, size_t size, const char* name) {
     DecodeResult result;
-    StreamDecoder decoder(static_cast<const unsigned char*>(data), size, name, result);
+    StreamDecoder decoder(static_cast<const unsigned char*>(data), size, name, 0, result);
     result.consumed = decoder.decode(0);
     return result;
 }
 
-DecodeResult decodeStreams(const void* data, size_t size, const char* name) {
+DecodeResult decodeStreams(const void* data, size_t size, const char* name, size_t origin) {
     DecodeResult result;
     const auto* bytes = static_cast<const unsigned char*>(data);
     size_t position = 0;
     while (position < size) {
-        StreamDecoder decoder(bytes, size, name, result);
+        StreamDecoder decoder(bytes, size, name, origin, result);
         const size_t end = decoder.decode(position);
         if (end == 0) break;
         position = end;
@@ -602,7 +607,7 @@ void toLoggingEvent(const DecodedEvent& decoded, LocationRecord& site, LoggingEv
     site.format = decoded.format.c_str();
     site.module = decoded.module.c_str();
     site.method = decoded.method.c_str();
-    site.line = 0;
+    site.line = decoded.line;
     site.argumentCount = decoded.siteNumber;
     site.plan = nullptr;  // the decoded texts are read anew for each event
     event.argumentCount = static_cast<unsigned short>(count);
@@ -622,6 +627,13 @@ void toLoggingEvent(const DecodedEvent& decoded, LocationRecord& site, LoggingEv
     event.bufferBase = nullptr;
     event.bufferOffset = 0;
     event.bufferLength = 0;
+}
+
+void formatDecodedEvent(PatternLayout& layout, const DecodedEvent& event, std::string& out) {
+    LocationRecord site;
+    LoggingEvent replayed;
+    toLoggingEvent(event, site, replayed);
+    layout.formatReplayed(&replayed, event.loggerName.c_str(), event.threadName.c_str(), out);
 }
 
 std::string renderDecodedEvent(const DecodedEvent& event) {

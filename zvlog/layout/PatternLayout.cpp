@@ -289,6 +289,11 @@ void PatternLayout::parse() {
     const LocationRecord* location = a.location;
     switch (e.kind) {
         case 'c': {
+            if (replayedLogger_) {
+                const std::string_view name(*replayedLogger_ ? replayedLogger_ : "root");
+                w.put(lastComponents(name, e.optionNumber, isNameSeparator));
+                break;
+            }
             Caches::Name& cached = caches_->names[index];
             if (!cached.valid || cached.index != a.loggerIndex) {
                 const char* name = Logger::getRepository()->getLoggerName(a.loggerIndex);
@@ -354,13 +359,13 @@ void PatternLayout::parse() {
             break;
         }
         case 'r':
-            w.putUnsigned(LoggingTime::getElapsedTime() / 1000);
+            if (!replayedThread_) w.putUnsigned(LoggingTime::getElapsedTime() / 1000);
             break;
         case 'S':
             w.putUnsigned(a.sequence);
             break;
         case 't':
-            putText(w, LoggerRepository::getThreadName());
+            putText(w, replayedThread_ ? replayedThread_ : LoggerRepository::getThreadName());
             break;
         default:
             break;
@@ -377,6 +382,14 @@ void PatternLayout::format(const LoggingEvent* event, std::string& out) {
         formatElement(step.element, event, w);
         w.put(step.after, step.afterLength);
     }
+}
+
+void PatternLayout::formatReplayed(const LoggingEvent* event, const char* loggerName, const char* threadName,
+                                   std::string& out) {
+    replayedLogger_ = loggerName ? loggerName : "";
+    replayedThread_ = threadName ? threadName : "";
+    format(event, out);
+    replayedLogger_ = replayedThread_ = nullptr;
 }
 
 }  // namespace zvs::zvlib::zvlog
