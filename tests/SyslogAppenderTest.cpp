@@ -93,6 +93,56 @@ TEST_F(SyslogAppenderTest, RemoteDatagramByteForByte) {
     syslog.setLayout(nullptr);
 }
 
+// The timestamp in zones east and west of UTC, whole and with minutes: the
+// fields read back as UTC, less the offset, give the time of the call, and
+// the offset is the zone's, sign and all.
+TEST_F(SyslogAppenderTest, TimestampFieldsAndOffsetPerZone) {
+    const struct {
+        const char* tz;
+        const char* offset;
+        long seconds;  // east of UTC
+    } zones[] = {{"UTC0", "+00:00", 0},
+                 {"<+0530>-5:30", "+05:30", 19800},
+                 {"<-0330>3:30", "-03:30", -12600},
+                 {"<+0545>-5:45", "+05:45", 20700},
+                 {"<+14>-14", "+14:00", 50400},
+                 {"<-12>12", "-12:00", -43200}};
+    Receiver collector(AF_INET);
+    ASSERT_TRUE(collector.bound());
+    SyslogAppender syslog("zones");
+    syslog.setSyslogHost(("127.0.0.1:" + std::to_string(collector.port())).c_str());
+    logger_->addAppender(syslog);
+    const char* saved = getenv("TZ");
+    const std::string savedTz = saved ? saved : "";
+    const std::regex head("<14>1 (\\d{4})-(\\d\\d)-(\\d\\d)T(\\d\\d):(\\d\\d):(\\d\\d)\\.(\\d{6})([+-]\\d\\d:\\d\\d) .*");
+    for (const auto& z : zones) {
+        setenv("TZ", z.tz, 1);
+        tzset();
+        const time_t before = time(nullptr);
+        ZVLOG_LOG_AT(logger_, LEVEL_INFO, "m", "f", 1, "zone");
+        const time_t after = time(nullptr);
+        const std::string d = collector.next();
+        std::smatch m;
+        ASSERT_TRUE(std::regex_match(d, m, head)) << z.tz << ": " << d;
+        EXPECT_EQ(m[8].str(), z.offset) << z.tz;
+        tm fields{};
+        fields.tm_year = std::stoi(m[1].str()) - 1900;
+        fields.tm_mon = std::stoi(m[2].str()) - 1;
+        fields.tm_mday = std::stoi(m[3].str());
+        fields.tm_hour = std::stoi(m[4].str());
+        fields.tm_min = std::stoi(m[5].str());
+        fields.tm_sec = std::stoi(m[6].str());
+        const time_t stamped = timegm(&fields) - z.seconds;
+        EXPECT_GE(stamped, before) << z.tz << ": " << d;
+        EXPECT_LE(stamped, after) << z.tz << ": " << d;
+    }
+    if (saved)
+        setenv("TZ", savedTz.c_str(), 1);
+    else
+        unsetenv("TZ");
+    tzset();
+}
+
 TEST_F(SyslogAppenderTest, HostFormsAndUnreachableHosts) {
     Receiver v6(AF_INET6);
     ASSERT_TRUE(v6.bound());

@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <charconv>
 #include <chrono>
 #include <cstdio>
 #include <cstring>
@@ -54,25 +55,68 @@ const ProcessFacts& processFacts() {
 void appendParameter(std::string& out, const char* key, const char* value) {
     out += key;
     out += '"';
-    for (const char* p = value ? value : ""; *p; ++p) {
-        if (*p == '"' || *p == '\\' || *p == ']') out += '\\';
-        out += *p;
+    const char* p = value ? value : "";
+    for (;;) {
+        const size_t plain = std::strcspn(p, "\"\\]");  // copied in one piece
+        out.append(p, plain);
+        p += plain;
+        if (!*p) break;
+        out += '\\';
+        out += *p++;
     }
     out += '"';
 }
 
+// A number in decimal, as "%u" prints it (snprintf costs several times more).
+void appendDecimal(std::string& out, unsigned long value) {
+    char digits[24];
+    const char* end = std::to_chars(digits, digits + sizeof digits, value).ptr;
+    out.append(digits, static_cast<size_t>(end - digits));
+}
+
+// `width` digits of value, zero-padded on the left.
+char* putDigits(char* p, unsigned long value, int width) {
+    for (int i = width - 1; i >= 0; --i, value /= 10) p[i] = static_cast<char>('0' + value % 10);
+    return p + width;
+}
+
 // The event's time as local time in RFC 3339 form, with microseconds and the
-// offset from UTC.
+// offset from UTC: "yyyy-mm-ddThh:mm:ss.uuuuuu+hh:mm". The offset's hours
+// carry the sign ("%+03ld" of the whole minutes over 60), the minutes are
+// the remainder of its magnitude. Written digit by digit: strftime and
+// snprintf cost more than the rest of the datagram together.
 void appendTimestamp(std::string& out, const timeval32_t& time) {
     const time_t seconds = static_cast<time_t>(time.tv_sec);
     tm local{};
     localtime_r(&seconds, &local);
     char text[64];
-    size_t n = strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%S", &local);
+    char* p = text;
+    const long year = local.tm_year + 1900L;
+    if (year >= 1000 && year <= 9999) {
+        p = putDigits(p, static_cast<unsigned long>(year), 4);
+        *p++ = '-';
+        p = putDigits(p, static_cast<unsigned long>(local.tm_mon + 1), 2);
+        *p++ = '-';
+        p = putDigits(p, static_cast<unsigned long>(local.tm_mday), 2);
+        *p++ = 'T';
+        p = putDigits(p, static_cast<unsigned long>(local.tm_hour), 2);
+        *p++ = ':';
+        p = putDigits(p, static_cast<unsigned long>(local.tm_min), 2);
+        *p++ = ':';
+        p = putDigits(p, static_cast<unsigned long>(local.tm_sec), 2);
+    } else {  // out of the four-digit years (never for a 32-bit time)
+        p += strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%S", &local);
+    }
+    *p++ = '.';
+    p = putDigits(p, time.tv_usec % 1000000, 6);
     const long offset = local.tm_gmtoff / 60;
-    n += static_cast<size_t>(snprintf(text + n, sizeof text - n, ".%06u%+03ld:%02ld", time.tv_usec % 1000000,
-                                      offset / 60, (offset < 0 ? -offset : offset) % 60));
-    out.append(text, n);
+    const long hours = offset / 60;
+    const unsigned long hourDigits = static_cast<unsigned long>(hours < 0 ? -hours : hours);
+    *p++ = hours < 0 ? '-' : '+';
+    p = hourDigits < 100 ? putDigits(p, hourDigits, 2) : std::to_chars(p, text + sizeof text, hourDigits).ptr;
+    *p++ = ':';
+    p = putDigits(p, static_cast<unsigned long>((offset < 0 ? -offset : offset) % 60), 2);
+    out.append(text, static_cast<size_t>(p - text));
 }
 
 long long nowMs() {
@@ -312,9 +356,9 @@ void SyslogAppender::sendRemote(const LoggingEvent* event) {
     const LocationRecord* site = a.location;
     std::string& d = datagram_;
     d.clear();
-    char number[32];
-    const int priority = severityOf(a.level) + (facility_ == FACILITY_SECURITY ? 80 : 8);
-    d.append(number, static_cast<size_t>(snprintf(number, sizeof number, "<%d>1 ", priority)));
+    d += '<';
+    appendDecimal(d, static_cast<unsigned long>(severityOf(a.level) + (facility_ == FACILITY_SECURITY ? 80 : 8)));
+    d += ">1 ";
     appendTimestamp(d, a.time);
     d += ' ';
     d += facts.host;
@@ -323,16 +367,18 @@ void SyslogAppender::sendRemote(const LoggingEvent* event) {
     d += ' ';
     d += facts.pid;
     d += ' ';
-    const size_t sequence = static_cast<size_t>(snprintf(number, sizeof number, "%u", a.sequence));
-    d.append(number, sequence);
+    const size_t sequenceAt = d.size();
+    appendDecimal(d, a.sequence);
+    const size_t sequenceSize = d.size() - sequenceAt;
     d += " [zvlog@";
-    d.append(number, sequence);
+    d.append(d, sequenceAt, sequenceSize);
     appendParameter(d, " category=", Logger::getRepository()->getLoggerName(a.loggerIndex));
     appendParameter(d, " thread=", LoggerRepository::getThreadName());
     appendParameter(d, " method=", site ? site->method : "");
     appendParameter(d, " module=", site ? site->module : "");
-    snprintf(number, sizeof number, "%u", site ? site->line : 0u);
-    appendParameter(d, " line=", number);
+    d += " line=\"";  // digits need no escaping
+    appendDecimal(d, site ? site->line : 0u);
+    d += '"';
     d += "] \xEF\xBB\xBF";
     d += text_;
     if (stream_)
@@ -353,8 +399,10 @@ void SyslogAppender::sendLocal(const LoggingEvent* event) {
     const int facility = facility_ == FACILITY_SECURITY ? 10 : 1;
     std::string& d = datagram_;
     d.clear();
+    d += '<';
+    appendDecimal(d, static_cast<unsigned long>(facility * 8 + severityOf(a.level)));
+    d += '>';
     char head[64];
-    d.append(head, static_cast<size_t>(snprintf(head, sizeof head, "<%d>", facility * 8 + severityOf(a.level))));
     const time_t seconds = static_cast<time_t>(a.time.tv_sec);
     tm local{};
     localtime_r(&seconds, &local);
