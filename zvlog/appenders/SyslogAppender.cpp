@@ -402,11 +402,24 @@ void SyslogAppender::sendLocal(const LoggingEvent* event) {
     d += '<';
     appendDecimal(d, static_cast<unsigned long>(facility * 8 + severityOf(a.level)));
     d += '>';
-    char head[64];
+    // "Mmm dd hh:mm:ss " with English month names whatever the program's
+    // locale, as syslog(3) writes it (the C locale's "%b %e %T ").
+    static constexpr char kMonths[] = "JanFebMarAprMayJunJulAugSepOctNovDec";
     const time_t seconds = static_cast<time_t>(a.time.tv_sec);
     tm local{};
     localtime_r(&seconds, &local);
-    d.append(head, strftime(head, sizeof head, "%b %e %T ", &local));
+    const int month = local.tm_mon >= 0 && local.tm_mon < 12 ? local.tm_mon : 0;
+    d.append(kMonths + 3 * month, 3);
+    d += ' ';
+    d += local.tm_mday < 10 ? ' ' : static_cast<char>('0' + local.tm_mday / 10);
+    d += static_cast<char>('0' + local.tm_mday % 10);
+    const int parts[3] = {local.tm_hour, local.tm_min, local.tm_sec};
+    for (int i = 0; i < 3; ++i) {
+        d += i == 0 ? ' ' : ':';
+        d += static_cast<char>('0' + parts[i] / 10 % 10);
+        d += static_cast<char>('0' + parts[i] % 10);
+    }
+    d += ' ';
     d += facts.program;
     d += '[';
     d += facts.pid;
