@@ -30,6 +30,8 @@
 #include "zvlog/LogBuffer.h"
 #include "zvlog/buffer/Block.h"
 #include "zvlog/buffer/CrashRecorder.h"
+#include "zvlog/buffer/LogBufferImpl.h"
+#include "zvlog/core/ThreadRecord.h"
 #include "zvlog/zvlog.h"
 
 using namespace zvs::zvlib::zvlog;
@@ -194,9 +196,9 @@ char dumpPath[4096];
 
 void sayWhetherDumped(const char* who) {
     struct stat st {};
-    const bool dumped = stat(dumpPath, &st) == 0 && st.st_size > 0;
+    const char* dump = stat(dumpPath, &st) != 0 ? "missing" : st.st_size > 0 ? "written" : "empty";
     char line[128];
-    const int n = snprintf(line, sizeof line, "%s handler ran, dump %s\n", who, dumped ? "written" : "missing");
+    const int n = snprintf(line, sizeof line, "%s handler ran, dump %s\n", who, dump);
     if (write(STDOUT_FILENO, line, static_cast<size_t>(n)) < 0) _exit(5);
 }
 
@@ -222,6 +224,29 @@ void chained(int signal, void (*crash)(), const char* how) {
     startWorkers(kFewEvents);
     ZVLOG_WARN(crashLogger(), "crashing by %s", how);
     crash();
+}
+
+// The dump itself faults: a third thread's buffer pointer is made bad, so
+// the handler crashes reading it, after the two workers' blocks.
+void faultWhileDumping() {
+    struct sigaction own {};
+    sigemptyset(&own.sa_mask);
+    own.sa_sigaction = &ownSegvHandler;
+    own.sa_flags = SA_SIGINFO;
+    sigaction(SIGSEGV, &own, nullptr);
+    prepareChild(true);
+    snprintf(dumpPath, sizeof dumpPath, "%s", crashDumpSharedName());
+    startWorkers(kFewEvents);
+    static std::atomic<bool> poisoned{false};
+    std::thread([] {
+        ZVLOG_INFO(crashLogger(), "poisoned thread event %d", 0);
+        peekThreadRecord()->buffer = reinterpret_cast<LogBufferImpl*>(uintptr_t{8});
+        poisoned.store(true);
+        idleForever();
+    }).detach();
+    while (!poisoned.load()) usleep(1000);
+    ZVLOG_WARN(crashLogger(), "crashing by %s", "a write through a null pointer");
+    writeThroughNull();
 }
 
 void chainedSegv() { chained(SIGSEGV, &writeThroughNull, "a write through a null pointer"); }
@@ -254,6 +279,7 @@ const bool scenarios = runRequestedScenario({
     {"twoThreadsCrashAtOnce", twoThreadsCrashAtOnce},
     {"chainedSegv", chainedSegv},
     {"chainedAbort", chainedAbort},
+    {"faultWhileDumping", faultWhileDumping},
     {"renamedAfterInstall", renamedAfterInstall},
     {"printPidAndCrash", printPidAndCrash},
 });
@@ -457,6 +483,20 @@ TEST_F(CrashRecorder, HandlersInstalledBeforeRunAfterTheDump) {
                   "");
         fs::remove_all(home);
     }
+}
+
+TEST_F(CrashRecorder, AFaultWhileDumpingPassesTheSignalOnAndKeepsWhatWasWritten) {
+    const std::string home = freshHome("crash-refault");
+    const ChildResult r = runCrashingChild("faultWhileDumping", home);
+    EXPECT_FALSE(r.exited) << "status " << r.status << ", stderr: " << r.err;
+    EXPECT_EQ(r.status, SIGSEGV);
+    // The program's handler still ran, once, and no dump was reported.
+    EXPECT_EQ(r.out, "own SIGSEGV handler ran, dump written\n");
+    EXPECT_EQ(r.err, "");
+    const Dump dump = readDump(home + "/zvlog-crashtest.dmp");
+    EXPECT_TRUE(dump.ok) << dump.firstError;
+    EXPECT_EQ(compareThreads(dump.threads, {workerEvents(1, kFewEvents), workerEvents(2, kFewEvents)}), "");
+    fs::remove_all(home);
 }
 
 TEST_F(CrashRecorder, DumpNameFollowsTheInstanceNameSetAfterSwitchingOn) {

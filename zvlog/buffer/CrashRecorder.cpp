@@ -245,9 +245,9 @@ unsigned indexOf(int signal) {
 
 // The handler that was there before takes the signal: a fault comes back
 // when the faulting instruction runs again on return, a sent signal (kill,
-// raise, abort) is sent again and waits, blocked, until this handler
-// returns. Either way it then meets the previous disposition: the program's
-// own handler, or the default action with its core dump and its status.
+// raise, abort) is sent again at once. Either way it meets the previous
+// disposition: the program's own handler, or the default action with its
+// core dump and its status.
 void passOn(int signal, const siginfo_t* info, pid_t thread) {
     sigaction(signal, &previousActions[indexOf(signal)], nullptr);
     const bool fault = info != nullptr && info->si_code > 0 && signal != SIGABRT;
@@ -284,7 +284,10 @@ bool installCrashRecorder() {
             struct sigaction action {};
             action.sa_sigaction = &onFatalSignal;
             sigemptyset(&action.sa_mask);
-            action.sa_flags = SA_SIGINFO | SA_ONSTACK;
+            // Not deferred: a fault while the dump is written comes back into
+            // the handler, which then passes it on at once instead of the
+            // kernel ending the process past the program's own handler.
+            action.sa_flags = SA_SIGINFO | SA_ONSTACK | SA_NODEFER;
             unsigned done = 0;
             while (done < kSignalCount && sigaction(kSignals[done], &action, &previousActions[done]) == 0) ++done;
             if (done < kSignalCount) {
