@@ -34,11 +34,12 @@ public:
     // block store held elsewhere is waited for 0.1 s, then passed by; a
     // thread in the middle of a logging call is waited for 50 ms, then its
     // events before the one it is writing are taken) and writes one dump per
-    // process, however many threads crash. Threads that log run the handler
-    // on an alternate signal stack of their own, so that a stack overflow is
-    // recorded too. Install handlers of the program's own before this call
-    // to have them chained. Calling it again changes nothing; false when
-    // the handlers could not be installed.
+    // process, however many threads crash. The calling thread, and every
+    // thread from the next event block it starts, runs the handler on an
+    // alternate signal stack of its own (unless it has one already), so that
+    // a stack overflow is recorded too. Install handlers of the program's
+    // own before this call to have them chained. Calling it again changes
+    // nothing; false when the handlers could not be installed.
     static bool installCrashHandler();
 
     // The current write record: the block, where the current event began and
