@@ -1,8 +1,11 @@
 #include "zvlog/buffer/Block.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <mutex>
 #include <new>
+
+#include "zvlog/buffer/SignalSafe.h"
 
 namespace zvs::zvlib::zvlog::binary {
 
@@ -138,6 +141,58 @@ void forEachPooledBlock(const std::function<void(const unsigned char* stream, ui
             continue;
         visit(streamOf(block), head->dataLength);
     }
+}
+
+namespace {
+
+// A stream that a dump may carry: a reader would stop at anything less.
+bool streamLooksWhole(const unsigned char* block) {
+    const BlockHead* head = headOf(block);
+    const uint32_t length = head->dataLength;
+    const unsigned char* stream = block + kBlockHeadSize;
+    return head->eventCount != 0 && length > kStreamHeaderSize && length <= kStreamCapacity && stream[0] == kMagic &&
+           stream[1] == kVersion && stream[length - 1] == kEnd;
+}
+
+bool tryLockFor(std::mutex& mutex, unsigned waitMs) {
+    return signalsafe::waitUntil([&] { return mutex.try_lock(); }, waitMs);
+}
+
+}  // namespace
+
+void visitBlocksAtCrash(unsigned waitMs, CrashStreamVisitor visit, void* context) {
+    BlockStore& s = store();
+
+    // The pool first: its blocks left the recent list before those on it.
+    const bool poolLocked = tryLockFor(s.poolMutex, waitMs);
+    const unsigned pooled = std::min<unsigned>(s.pooled, kPoolCapacity);
+    for (unsigned i = 0; i < pooled; ++i) {
+        const unsigned char* block = s.pool[i];
+        if (block != nullptr && streamLooksWhole(block)) visit(context, streamOf(const_cast<unsigned char*>(block)), headOf(block)->dataLength);
+    }
+    if (poolLocked) s.poolMutex.unlock();
+
+    // Without the lock the ring may be turning: every slot still holds a
+    // closed block (the evicted one is released only after the lock), at
+    // worst one is seen twice or out of order.
+    const bool recentLocked = tryLockFor(s.recentMutex, waitMs);
+    const unsigned first = s.recentFirst % kRecentBlocks;
+    const unsigned count = std::min<unsigned>(s.recentCount, kRecentBlocks);
+    for (unsigned i = 0; i < count; ++i) {
+        const unsigned char* block = s.recent[(first + i) % kRecentBlocks];
+        if (block != nullptr && streamLooksWhole(block)) visit(context, streamOf(const_cast<unsigned char*>(block)), headOf(block)->dataLength);
+    }
+    if (recentLocked) s.recentMutex.unlock();
+}
+
+BlockStoreHold::BlockStoreHold() {
+    store().poolMutex.lock();
+    store().recentMutex.lock();
+}
+
+BlockStoreHold::~BlockStoreHold() {
+    store().recentMutex.unlock();
+    store().poolMutex.unlock();
 }
 
 unsigned long long blocksAllocated() { return gAllocated.load(std::memory_order_relaxed); }

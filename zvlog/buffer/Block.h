@@ -58,4 +58,25 @@ ZVLOG_API unsigned long long blocksPooled();
 // How many closed blocks are kept for dumps.
 constexpr unsigned kRecentBlocks = 4;
 
+// For a dump written by a signal handler: visits the pooled blocks, then the
+// recent ones oldest first, as the two functions above do, without
+// allocating and without waiting on a lock for long. Each of the store's two
+// locks is tried for up to `waitMs`; a lock still held after that (by a
+// thread stuck while closing a block, or by the crashing thread itself) is
+// passed by and its part read as it stands. Either way only streams that
+// look whole (header, length, final ">") are visited.
+using CrashStreamVisitor = void (*)(void* context, const unsigned char* stream, uint32_t length);
+ZVLOG_API void visitBlocksAtCrash(unsigned waitMs, CrashStreamVisitor visit, void* context);
+
+// Holds both locks of the block store while it lives, as a thread closing a
+// block or dumping holds one of them: for tests of what a crash dump does
+// meanwhile. Every other thread that closes or recycles a block waits.
+class ZVLOG_API BlockStoreHold {
+public:
+    BlockStoreHold();
+    ~BlockStoreHold();
+    BlockStoreHold(const BlockStoreHold&) = delete;
+    BlockStoreHold& operator=(const BlockStoreHold&) = delete;
+};
+
 }  // namespace zvs::zvlib::zvlog::binary

@@ -1,11 +1,14 @@
 #include "zvlog/buffer/LogBufferImpl.h"
 
+#include <atomic>
 #include <bit>
+#include <type_traits>
 #include <cstring>
 
 #include "zvlog/Level.h"
 #include "zvlog/Logger.h"
 #include "zvlog/buffer/Block.h"
+#include "zvlog/buffer/CrashRecorder.h"
 #include "zvlog/core/ThreadRecord.h"
 #include "zvlog/msg/RaiseMessage.h"
 #include "zvstd/Fatal.h"
@@ -228,6 +231,9 @@ void LogBufferImpl::flush() {
 
 void LogBufferImpl::startBlock() {
     State& s = *state_;
+    // A thread that logs gets its alternate signal stack here, on its first
+    // block after the crash recorder is switched on.
+    prepareThreadForCrashes();
     base_ = acquireBlock();
     unsigned char* p = streamOf(base_);
     const unsigned char header[kStreamHeaderSize] = {kMagic, kVersion, kLittleEndian, kPointerSize, kFloatSize, 1};
@@ -273,6 +279,26 @@ unsigned char* LogBufferImpl::detachBlock() {
 }
 
 void LogBufferImpl::handOn(unsigned char* block) { finishBlock(block); }
+
+bool LogBufferImpl::crashView(bool settled, const unsigned char*& stream, uint32_t& length) const {
+    auto load = [](const auto& field) {
+        using T = std::remove_cvref_t<decltype(field)>;
+        return std::atomic_ref<T>(const_cast<T&>(field)).load(std::memory_order_acquire);
+    };
+    const unsigned char* base = load(base_);
+    if (base == nullptr) return false;
+    unsigned end;
+    if (settled) {
+        end = eventPending() ? eventStart_ : position_;
+    } else {
+        end = load(eventStart_);
+        if (load(base_) != base) return false;
+    }
+    if (end <= load(state_->firstEventPosition) || end >= kBlockSize || base[kBlockHeadSize] != kMagic) return false;
+    stream = base + kBlockHeadSize;
+    length = end - kBlockHeadSize;
+    return true;
+}
 
 // The bytes a fresh block needs for its thread context and the current
 // event's header described in full. May overestimate, never underestimate.

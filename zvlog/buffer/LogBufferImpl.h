@@ -45,6 +45,14 @@ public:
     // printed to standard error.
     static bool saveAllToFile();
 
+    // For a crash dump: the current block's stream up to its last complete
+    // event, without the ">" that would end it; false when it holds none.
+    // `settled`: the buffer's thread is outside logging (held there by a
+    // claim) or is the caller, so the state holds still. Otherwise the thread
+    // may be writing: what precedes the event it is on is read, and nothing
+    // when the block changes meanwhile. No allocation, no lock.
+    bool crashView(bool settled, const unsigned char*& stream, uint32_t& length) const;
+
 private:
     struct State;
     void startBlock();

@@ -3,6 +3,7 @@
 #include <string>
 
 #include "zvlog/zvMessage.h"
+#include "zvlog/buffer/CrashRecorder.h"
 #include "zvlog/context/ProgramTables.h"
 #include "zvlog/msg/RaiseMessage.h"
 
@@ -52,10 +53,13 @@ bool CAppContext::SetItem(ContextItemID id, const char* text) {
     }
     if (!item) {
         AddItem(new CContextItem(id, text));  // an owned copy
-        return true;
+    } else {
+        MutexLock lock(item->GetLock());
+        if (item->GetType() == CDataItem::TypeString) static_cast<CDataItem&>(*item) = text;  // an owned copy
     }
-    MutexLock lock(item->GetLock());
-    if (item->GetType() == CDataItem::TypeString) static_cast<CDataItem&>(*item) = text;  // an owned copy
+    // The crash recorder keeps its file names made in advance.
+    if (id == AppInstance || id == DirProcessLog || id == ProcessExecutableBase)
+        zvs::zvlib::zvlog::crashRecorderNamesChanged();
     return true;
 }
 

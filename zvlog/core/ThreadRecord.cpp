@@ -16,7 +16,9 @@
 
 #include "zvlog/Logger.h"
 #include "zvlog/MultiThreading.h"
+#include "zvlog/buffer/CrashRecorder.h"
 #include "zvlog/buffer/LogBufferImpl.h"
+#include "zvlog/buffer/SignalSafe.h"
 #include "zvlog/core/Library.h"
 
 namespace zvs::zvlib::zvlog {
@@ -47,6 +49,36 @@ struct Records {
 Records& records() {
     static Records* r = new Records();  // outlives every thread
     return *r;
+}
+
+// Every live record again, in a table that a signal handler can read: the
+// list above needs its mutex, which the crashing thread may hold.
+std::atomic<ThreadRecord*> crashSlots[kCrashSlots];
+// Set while a crash dump visits the records: an ending thread waits before
+// its record goes.
+std::atomic<bool> crashVisit{false};
+// The records a crash dump claimed (one dump at a time).
+ThreadRecord* crashClaimed[kCrashSlots];
+
+void takeCrashSlot(ThreadRecord* r) {
+    for (unsigned i = 0; i < kCrashSlots; ++i) {
+        ThreadRecord* none = nullptr;
+        if (crashSlots[i].load(std::memory_order_relaxed) == nullptr &&
+            crashSlots[i].compare_exchange_strong(none, r, std::memory_order_release)) {
+            r->crashSlot = static_cast<int>(i);
+            return;
+        }
+    }
+}
+
+// Paired with the visit's store of crashVisit and loads of the slots (all
+// sequentially consistent): either the visit no longer sees the record, or
+// this thread sees the visit and waits for it.
+void leaveCrashSlot(ThreadRecord* r) {
+    if (r->crashSlot < 0) return;
+    crashSlots[r->crashSlot].store(nullptr, std::memory_order_seq_cst);
+    r->crashSlot = -1;
+    while (crashVisit.load(std::memory_order_seq_cst)) signalsafe::pauseBriefly();
 }
 
 // Orders every other running thread's earlier stores before its later loads,
@@ -117,6 +149,40 @@ void forgetOtherThreadsInChild() {
     ThreadRecord* self = tlsThreadRecord;
     all.list.clear();
     if (self) all.list.push_back(self);
+    for (std::atomic<ThreadRecord*>& slot : crashSlots)
+        if (slot.load(std::memory_order_relaxed) != self) slot.store(nullptr, std::memory_order_relaxed);
+}
+
+void prepareThreadVisitAtCrash() { processWideBarrier(); }
+
+void visitThreadsAtCrash(ThreadRecord* self, unsigned waitMs, void (*held)(void* context), CrashThreadVisitor visit,
+                         void* context) {
+    crashVisit.store(true, std::memory_order_seq_cst);
+    unsigned claimed = 0;
+    for (std::atomic<ThreadRecord*>& slot : crashSlots) {
+        ThreadRecord* r = slot.load(std::memory_order_seq_cst);
+        if (r == nullptr || r == self || !std::atomic_ref<LogBufferImpl*>(r->buffer).load(std::memory_order_acquire))
+            continue;
+        r->flushClaim.store(true, std::memory_order_relaxed);
+        crashClaimed[claimed++] = r;
+    }
+    // As in a flush: after the barrier a claimed thread seen outside logging
+    // stays outside. Without the barrier no thread counts as settled.
+    const bool ordered = processWideBarrier();
+    auto outside = [](const ThreadRecord* r) { return r->depth.load(std::memory_order_acquire) == 0; };
+    if (ordered && claimed > 0)
+        signalsafe::waitUntil(
+            [&] {
+                for (unsigned i = 0; i < claimed; ++i)
+                    if (!outside(crashClaimed[i])) return false;
+                return true;
+            },
+            waitMs);
+    held(context);
+    for (unsigned i = 0; i < claimed; ++i) visit(context, crashClaimed[i], ordered && outside(crashClaimed[i]));
+    if (self && self->buffer) visit(context, self, true);
+    for (unsigned i = 0; i < claimed; ++i) crashClaimed[i]->flushClaim.store(false, std::memory_order_release);
+    crashVisit.store(false, std::memory_order_seq_cst);
 }
 
 ZVLOG_API __thread ThreadRecord* tlsThreadRecord __attribute__((tls_model("initial-exec"))) = nullptr;
@@ -136,6 +202,7 @@ ThreadRecord* createThreadRecord() {
         std::lock_guard<std::mutex> lock(all.mutex);
         all.list.push_back(r);
     }
+    takeCrashSlot(r);
     tlsThreadRecord = r;
     tlsHolder.record = r;
     return r;
@@ -188,6 +255,8 @@ void LoggerRepository::threadComplete() {
         std::lock_guard<std::mutex> lock(all.mutex);
         all.list.erase(std::remove(all.list.begin(), all.list.end(), r), all.list.end());
     }
+    leaveCrashSlot(r);
+    crashRecorderThreadEnds();
     tlsThreadRecord = nullptr;
     tlsHolder.record = nullptr;
     // Closing the buffer hands its last block on; logging from what that

@@ -25,6 +25,8 @@ struct ThreadRecord {
     // Created on the thread's first event. Set once by the thread (a release
     // store), which reads it plainly; other threads load it with acquire.
     LogBufferImpl* buffer = nullptr;
+    // Its place in the table a crash dump reads (-1: none was free).
+    int crashSlot = -1;
 };
 
 ZVLOG_API void waitWhileFlushed(ThreadRecord* record);
@@ -51,6 +53,24 @@ ZVLOG_API void flushOtherThreadBuffers();
 
 // In a child forked without exec: only the calling thread exists.
 void forgetOtherThreadsInChild();
+
+// For a dump written by a signal handler on the thread of `self` (null for a
+// thread without a record): without allocating and without the records'
+// mutex, claims every other thread that has a buffer, as a flush does, so
+// that it stops at its next logging call; waits up to `waitMs` for those
+// inside a logging call to leave it; calls `held` once, while the threads
+// are held; visits every such record and then `self`'s, each with `settled`
+// true when the thread is outside logging (or is the caller) and its buffer
+// holds still; and ends the claims. A thread that ends meanwhile keeps its
+// record until the visit is over. Threads beyond the table's capacity
+// (kCrashSlots) are not visited.
+using CrashThreadVisitor = void (*)(void* context, const ThreadRecord* record, bool settled);
+ZVLOG_API void visitThreadsAtCrash(ThreadRecord* self, unsigned waitMs, void (*held)(void* context),
+                                   CrashThreadVisitor visit, void* context);
+constexpr unsigned kCrashSlots = 2048;
+// Makes the first use of what visitThreadsAtCrash needs happen now, outside
+// any signal handler.
+void prepareThreadVisitAtCrash();
 
 // The calling thread's record pointer; null until the thread's first use.
 ZVLOG_API extern __thread ThreadRecord* tlsThreadRecord __attribute__((tls_model("initial-exec")));
