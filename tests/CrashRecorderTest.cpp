@@ -412,6 +412,18 @@ TEST_F(CrashRecorder, EachFatalSignalLeavesTheLastEventsOfEveryThreadAndStillEnd
         EXPECT_EQ(compareThreads(dump.threads, {workerEvents(1, kManyEvents), workerEvents(2, kManyEvents),
                                                 {std::string("crashing by ") + way.how}}),
                   "");
+#ifdef ZVLOG_DUMP_PROGRAM
+        // zvlog-dump shows the same: both workers' last events, then the
+        // crashing thread's, the last event of all.
+        const ChildResult shown = zvtest::runProgram(ZVLOG_DUMP_PROGRAM, {"--logger", "crash", "--pattern", "%m\n", path});
+        EXPECT_TRUE(shown.succeeded()) << shown.err;
+        const std::string last = "thread 1 event " + std::to_string(kManyEvents - 1) + "\n";
+        EXPECT_NE(shown.out.find(last), std::string::npos);
+        EXPECT_NE(shown.out.find("thread 2 event " + std::to_string(kManyEvents - 1) + "\n"), std::string::npos);
+        EXPECT_EQ(std::count(shown.out.begin(), shown.out.end(), '\n'), 2 * kManyEvents + 1);
+        EXPECT_TRUE(shown.out.ends_with(std::string("crashing by ") + way.how + "\n")) << shown.out.substr(
+            shown.out.size() > 200 ? shown.out.size() - 200 : 0);
+#endif
         fs::remove_all(home);
     }
 }
