@@ -245,6 +245,15 @@ private:
     bool loadFilter(const xml::DOMElement* element, const std::string& appenderName, Filter*& filter);
     bool loadLogger(const xml::DOMElement* element, bool isRoot);
 
+    // While no logger can deliver: what the replaced appender still holds
+    // (its delivery thread's queue, its file buffer) goes out now, before the
+    // new appender of its name writes anything.
+    void retire(Appender* old) {
+        old->setAsynchronous(false);
+        if (auto* file = dynamic_cast<FileAppender*>(old)) file->flush();
+        retired_.push_back(old);
+    }
+
     LoggerRepository* repository_;
     // Appenders replaced by this load, destroyed once every lock is released.
     std::vector<Appender*> retired_;
@@ -532,7 +541,7 @@ bool Loader::loadAppender(const xml::DOMElement* element) {
     if (Appender* old = appenderNamed(name)) {
         repository_->replaceAppender(old, made);
         auto it = configuredAppenders().find(name);
-        if (it != configuredAppenders().end() && it->second == old) retired_.push_back(old);
+        if (it != configuredAppenders().end() && it->second == old) retire(old);
     }
     configuredAppenders()[name] = made;
     made->setName(name.c_str());
@@ -769,7 +778,8 @@ void DOMConfiguratorImpl::watchCycle(bool& configured) {
         return;
     }
     const bool changed = !haveStamp_ || st.st_mtim.tv_sec != modified_.tv_sec ||
-                         st.st_mtim.tv_nsec != modified_.tv_nsec || st.st_size != size_;
+                         st.st_mtim.tv_nsec != modified_.tv_nsec || st.st_size != size_ || file != loadedName_ ||
+                         st.st_ino != inode_ || st.st_dev != device_;
     if (!changed && !resetSeen) return;
     if (CMessageFactory* factory = CMessageFactory::GetDefaultFactory()) {
         CMessageFactory::Impl& impl = *factory->impl();
@@ -779,6 +789,9 @@ void DOMConfiguratorImpl::watchCycle(bool& configured) {
     loadFile(file);
     modified_ = st.st_mtim;
     size_ = st.st_size;
+    loadedName_ = file;
+    inode_ = st.st_ino;
+    device_ = st.st_dev;
     haveStamp_ = true;
     configured = true;
 }

@@ -42,6 +42,11 @@ private:
     bool haveStamp_ = false;
     timespec modified_{};
     off_t size_ = 0;
+    // Besides time and size: another candidate, or a file put in place of
+    // the old one within the same tick of the file system's clock.
+    std::string loadedName_;
+    ino_t inode_ = 0;
+    dev_t device_ = 0;
 };
 
 // Takes the configuration lock (recursive: a load may reset the
