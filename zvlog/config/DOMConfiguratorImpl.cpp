@@ -733,17 +733,17 @@ void DOMConfiguratorImpl::configureAndWatch(const std::vector<std::string>& cand
         if (ExitFunction exitFunction = zvs::zvlib::zvGetExitFunction()) exitFunction(12);
         exit(12);
     }
-    interval_ = intervalMs;
     stopWatch();
+    interval_ = intervalMs;
     watchList_ = candidates;
     haveStamp_ = false;
     startEvent_ = new Event(Event::ManualReset, false);
     stopEvent_ = new Event(Event::ManualReset, false);
     watchThread_ = new Thread(&DOMConfiguratorImpl::watchThread, "ConfigWatchThread");
     watchThread_->Start(this);
+    // The thread may still be inside set() when this returns: the event goes
+    // with the thread, in stopWatch.
     startEvent_->wait();
-    delete startEvent_;
-    startEvent_ = nullptr;
 }
 
 void DOMConfiguratorImpl::stopWatch() {
@@ -754,6 +754,8 @@ void DOMConfiguratorImpl::stopWatch() {
     watchThread_ = nullptr;
     delete stopEvent_;
     stopEvent_ = nullptr;
+    delete startEvent_;
+    startEvent_ = nullptr;
 }
 
 void DOMConfiguratorImpl::watchCycle(bool& configured) {
