@@ -487,6 +487,35 @@ TEST_F(DOMConfiguratorTest, TheFirstReadableCandidateWinsAndNoneLeavesEverything
     EXPECT_STREQ(static_cast<const char*>(*item), second.c_str());
 }
 
+// A relative name not found as it stands is looked for beside the program,
+// then in the working directory; an absolute one only as it stands.
+void relativeNames() {
+    const std::string beside = std::getenv("ZVTEST_BESIDE");
+    DOMConfigurator configurator;
+    std::printf("beside %d\n", configurator.configure(beside.c_str()));
+    std::printf("absolute %d\n", configurator.configure(("/" + beside).c_str()));
+    // The working directory as it was when the first configurator was made.
+    if (::chdir("/") != 0) std::printf("chdir failed\n");
+    std::printf("working %d\n", configurator.configure("sub/zvtest-working.xml"));
+    std::printf("appenders %d %d\n", Appender::findAppender("cfg.beside") != nullptr,
+                Appender::findAppender("cfg.working") != nullptr);
+}
+
+const bool scenarios = zvtest::runRequestedScenario({{"relativeNames", relativeNames}});
+
+TEST_F(DOMConfiguratorTest, RelativeNamesAreFoundBesideTheProgramOrInTheWorkingDirectory) {
+    const std::string name = "zvtest-beside-" + std::to_string(::getpid()) + ".xml";
+    const std::string besidePath = zvtest::programDirectory() + "/" + name;
+    std::ofstream(besidePath) << R"(<configuration><appender name="cfg.beside" class="ConsoleAppender"/></configuration>)";
+    fs::create_directories(dir_ + "/sub");
+    write("sub/zvtest-working.xml", R"(<configuration><appender name="cfg.working" class="ConsoleAppender"/></configuration>)");
+    // The child starts in dir_ and leaves it before it looks for "sub/...".
+    const zvtest::ChildResult child = zvtest::runChild("relativeNames", {"ZVTEST_BESIDE=" + name}, "", dir_);
+    fs::remove(besidePath);
+    EXPECT_TRUE(child.succeeded()) << child.err;
+    EXPECT_EQ(child.out, "beside 1\nabsolute 0\nworking 1\nappenders 1 1\n");
+}
+
 // ---- what people get wrong and what attackers write ----------------------
 
 TEST_F(DOMConfiguratorTest, BrokenFilesRaise1534AndTheRunningConfigurationStays) {
