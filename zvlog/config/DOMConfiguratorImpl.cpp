@@ -239,7 +239,9 @@ public:
 
 private:
     unsigned char getLevel(const std::string& text, bool present, const char* item);
-    bool loadParams(const xml::DOMElement* element, Params& params);
+    // Reads the param children until one lacks its name or value (message
+    // 1113): what was read before it is used.
+    void loadParams(const xml::DOMElement* element, Params& params);
     bool loadAppender(const xml::DOMElement* element);
     bool loadLayout(const xml::DOMElement* element, const std::string& appenderName, Layout*& layout);
     bool loadFilter(const xml::DOMElement* element, const std::string& appenderName, Filter*& filter);
@@ -273,21 +275,20 @@ unsigned char Loader::getLevel(const std::string& text, bool present, const char
     return LEVEL_INHERIT;
 }
 
-bool Loader::loadParams(const xml::DOMElement* element, Params& params) {
+void Loader::loadParams(const xml::DOMElement* element, Params& params) {
     for (const xml::DOMElement* p = firstChild(element, "param"); p; p = nextSibling(p, "param")) {
         const std::string name = attribute(p, "name");
         const std::string value = attribute(p, "value");
         if (name.empty()) {
             raise(1113, kLoadParams, __LINE__, {name, "param.name"});
-            return false;
+            return;
         }
         if (value.empty()) {
             raise(1113, kLoadParams, __LINE__, {value, "param.value"});
-            return false;
+            return;
         }
         params[name] = Param{name, value};
     }
-    return true;
 }
 
 enum class AppenderClass { Console, File, Rolling, DailyRolling, Syslog, RemoteSyslog };
@@ -394,7 +395,7 @@ bool Loader::loadLayout(const xml::DOMElement* element, const std::string& appen
         return false;
     }
     Params params;
-    if (!loadParams(element, params)) return false;
+    loadParams(element, params);
     const bool binary = sameWord(cls, "BinaryLayout");
     if (!binary && !sameWord(cls, "PatternLayout")) {
         raise(1538, kLoadLayout, __LINE__, {appenderName, cls});
@@ -426,7 +427,7 @@ bool Loader::loadFilter(const xml::DOMElement* element, const std::string& appen
         return false;
     }
     Params params;
-    if (!loadParams(element, params)) return false;
+    loadParams(element, params);
 
     std::unique_ptr<Filter> made;
     if (sameWord(cls, "DenyAllFilter"))
@@ -486,7 +487,7 @@ bool Loader::loadAppender(const xml::DOMElement* element) {
         return false;
     }
     Params params;
-    if (!loadParams(element, params)) return false;
+    loadParams(element, params);
 
     AppenderClass kind;
     if (!appenderClass(cls, kind)) {
@@ -719,7 +720,9 @@ bool DOMConfiguratorImpl::configure(const std::vector<std::string>& candidates) 
     try {
         for (const std::string& candidate : candidates) {
             const std::string file = findFile(candidate);
-            if (!file.empty()) return loadFile(file);
+            if (file.empty()) continue;
+            fileName_ = file;
+            return loadFile(file);
         }
     } catch (...) {
     }

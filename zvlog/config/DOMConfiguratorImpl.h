@@ -31,7 +31,7 @@ private:
     static unsigned int watchThread(void* self);
     void watchCycle(bool& configured);
 
-    std::string fileName_;  // kept for the configured name
+    std::string fileName_;  // the file configure() read last
     unsigned int interval_ = 0;
     MultiThreading::Thread* watchThread_ = nullptr;
     MultiThreading::Event* stopEvent_ = nullptr;
