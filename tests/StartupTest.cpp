@@ -62,10 +62,14 @@ std::string orderLine() {
 
 std::string bytesLine() {
     char text[64];
-    std::snprintf(text, sizeof text, "bytes: %u %u %u %u %u %u", zvlog_std_utility_effective_level,
-                  zvlog_std_utility_calltrace_effective_level, zvlog_std_system_effective_level,
-                  zvlog_std_system_calltrace_effective_level, zvlog_std_application_effective_level,
-                  zvlog_std_application_calltrace_effective_level);
+    // Loaded as call sites load them: the watch thread may be writing them.
+    using zvs::zvlib::zvlog::detail::loadLevelByte;
+    std::snprintf(text, sizeof text, "bytes: %u %u %u %u %u %u", loadLevelByte(zvlog_std_utility_effective_level),
+                  loadLevelByte(zvlog_std_utility_calltrace_effective_level),
+                  loadLevelByte(zvlog_std_system_effective_level),
+                  loadLevelByte(zvlog_std_system_calltrace_effective_level),
+                  loadLevelByte(zvlog_std_application_effective_level),
+                  loadLevelByte(zvlog_std_application_calltrace_effective_level));
     return text;
 }
 
@@ -103,10 +107,10 @@ void enableAndWatch() {
     ZVLOG_Enable(&configurator, 20);
     std::printf("%s\n%s\n", orderLine().c_str(), bytesLine().c_str());
     put(main, mainFile("main-edited", "DEBUG"));
-    const bool edited = waitFor([] { return zvlog_std_utility_effective_level == 143; });
+    const bool edited = waitFor([] { return detail::loadLevelByte(zvlog_std_utility_effective_level) == 143; });
     std::printf("edited %d %s\n", edited, orderLine().c_str());
     fs::remove(main);
-    const bool reset = waitFor([] { return zvlog_std_utility_effective_level == 223; });
+    const bool reset = waitFor([] { return detail::loadLevelByte(zvlog_std_utility_effective_level) == 223; });
     std::printf("removed %d %s\n", reset, orderLine().c_str());
 }
 
