@@ -53,10 +53,14 @@ void put(const std::string& path, const std::string& text) {
 
 // ---- the child's side -----------------------------------------------------
 
+// Under the logger's lock: a reload by the watch thread may replace and
+// destroy these appenders, never while the logger is held.
 std::string orderLine() {
     std::string line = "order:";
-    if (Logger* order = Logger::getRepository()->exists("order"))
+    if (Logger* order = Logger::getRepository()->exists("order")) {
+        zvs::zvlib::MultiThreading::MutexLock lock(order->mutex());
         for (Appender* a : order->getAllAppenders()) line += std::string(" ") + a->getName();
+    }
     return line;
 }
 
