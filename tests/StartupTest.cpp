@@ -98,7 +98,9 @@ void enable() {
     // A reset applies the drop-in files again, without the main file.
     BasicConfigurator::resetConfiguration();
     std::printf("after reset %s\n", orderLine().c_str());
-    // A second call applies everything again with the same candidates.
+    // A second call applies everything again with the same candidates: the
+    // list was worked out once, whatever the instance is now.
+    if (std::getenv("ZVTEST_INSTANCE")) getAppContext()->SetItem(AppInstance, "changed");
     ZVLOG_Enable(&configurator, 60000);
     std::printf("again %s\n", orderLine().c_str());
 }
@@ -188,6 +190,7 @@ TEST_F(Startup, DropInsInTheirOrderThenTheInstancesMainFile) {
     microservices();
     dropIns();
     mainFiles(true, true);
+    put(conf_ + "zvlog-changed.xml", mainFile("main-changed", "INFO"));  // never a candidate
     // The main file resets first: the drop-in files are applied again by
     // that reset, then the main file's own appender follows.
     const std::vector<std::string> expected = {
