@@ -1,5 +1,6 @@
-// A first look at zvlog: loggers by dotted name, a console appender with a
-// pattern layout, filters, an asynchronous appender, and the summary report.
+// A first look at zvlog: start-up from zvlog.xml, loggers by dotted name, a
+// console appender with a pattern layout, filters, an asynchronous appender,
+// and the summary report.
 #include <cstdio>
 #include <string>
 #include <thread>
@@ -72,6 +73,12 @@ void raiseCatalogedMessages() {
 }  // namespace
 
 int main() {
+    // The one start-up call of every program of the suite: the drop-in files,
+    // then zvlog.xml, watched every second for as long as `configurator`
+    // lives (main's end).
+    DOMConfigurator configurator;
+    ZVLOG_Enable(&configurator, 1000);
+
     // Where this process runs, as every message will describe it.
     printf("Process context:\n");
     printItem("ProcessHostName", ProcessHostName);
@@ -86,6 +93,20 @@ int main() {
     LoggerRepository* repo = Logger::getRepository();
 
     raiseCatalogedMessages();
+
+    // Configured from the files: the standard loggers at INFO, the program's
+    // own logger at DEBUG, one logger from the drop-in file. (Run from
+    // elsewhere or with QMR_HOME set, no file is found and these stay off.)
+    printf("From zvlog.xml and qmr-example.xml:\n");
+    fflush(stdout);
+    Logger* configured = repo->getLogger("example.config");
+    ZVLOG_STD(utility, LEVEL_INFO, "standard utility logger enabled by %s", "zvlog.xml");
+    ZVLOG_STD(application, LEVEL_DEBUG, "not shown: the standard loggers are at INFO");
+    ZVLOG_DEBUG(configured, "the program's own logger at DEBUG");
+    ZVLOG_WARN(configured, "the password %s is filtered out", "hunter2");
+    ZVLOG_INFO(repo->getLogger("example.dropin"), "configured by the drop-in file");
+    fflush(stdout);
+    printf("\n");
 
     // Everything reaches standard output through the root's appender.
     ConsoleAppender console(stdout);
@@ -133,13 +154,6 @@ int main() {
     }
     for (std::thread& t : workers) t.join();
     errors.setAsynchronous(false);  // delivers what is still queued
-
-    // The standard loggers stay off until configured.
-    ZVLOG_STD(utility, LEVEL_FATAL, "never printed");
-    zvlog_std_utility->setLevel(LEVEL_INFO);
-    zvlog_std_utility->addAppender(console);
-    zvlog_std_utility->setAdditivity(false);
-    ZVLOG_STD(utility, LEVEL_INFO, "standard utility logger enabled");
 
     // A size-rolling log file: a bare name lands in the process's log
     // directory, and several processes of the suite may share it.

@@ -102,6 +102,10 @@ enum ContextItemID : uint32_t {
     DirProcessDistPaths = zvContextItemCrc("DirProcessDistPaths"),
     DirProcessGlobals = zvContextItemCrc("DirProcessGlobals"),
     DirStructureIsLegacy = zvContextItemCrc("DirStructureIsLegacy"),
+    // Not registered: set by the configuration and by the installation's
+    // logging mode.
+    ErrXMLFileName = zvContextItemCrc("ErrXMLFileName"),
+    SCALoggingMode = zvContextItemCrc("SCALoggingMode"),
 };
 
 // The registered names, in registration order (70 of them).

@@ -40,7 +40,7 @@ public:
 
     unsigned char getLevel() const { return level_; }
     void setLevel(unsigned char level);
-    bool getAdditivity() const { return additivity_; }
+    bool getAdditivity() const { return additivity_.load(std::memory_order_relaxed); }
     void setAdditivity(bool additive);
 
     // Attaching the same appender twice makes it receive events twice.
@@ -92,7 +92,8 @@ private:
     // inline tests of other threads.
     alignas(64) std::atomic<unsigned char> effectiveLevel_{LEVEL_OFF};  // mirrored into the external byte
     unsigned char level_ = LEVEL_INHERIT;
-    bool additivity_ = true;
+    // Read by delivering threads while a configuration may change it.
+    std::atomic<bool> additivity_{true};
     unsigned short index_;
     std::atomic<unsigned int> appenderCount_{0};
     unsigned char* externalLevel_;  // a standard logger's exported byte, or null

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "zvlog/Appender.h"
+#include "zvlog/DOMConfigurator.h"
 #include "zvlog/FileAppender.h"
 #include "zvlog/Filter.h"
 #include "zvlog/Layout.h"

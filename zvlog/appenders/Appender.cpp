@@ -86,7 +86,12 @@ void Appender::flushOutput() {
     flushOtherThreadBuffers();
 }
 
-void Appender::setName(const char* name) { name_ = name ? name : ""; }
+// Under the registry's lock: a configuration names its appenders while
+// other threads may be looking them up by name.
+void Appender::setName(const char* name) {
+    MutexLock lock(registry().mutex);
+    name_ = name ? name : "";
+}
 
 // While asynchronous, settings change under the queue's lock holder.
 template <class Change>

@@ -31,6 +31,11 @@ private:
     static std::atomic<LoggerRepository*> repository_;
 };
 
+// Start-up discovery, run again by every configuration reset once a program
+// has called ZVLOG_Enable: the drop-in files are applied anew.
+using ConfigurationDiscovery = void (*)();
+void setConfigurationDiscovery(ConfigurationDiscovery discovery);
+
 // In a child forked without exec, before it goes on: the library's threads
 // are started again (the clock's, each asynchronous appender's).
 void restartClockInChild();

@@ -66,7 +66,7 @@ void Logger::setLevel(unsigned char level) {
     repo->updateEffectiveLevelsLocked();
 }
 
-void Logger::setAdditivity(bool additive) { additivity_ = additive; }
+void Logger::setAdditivity(bool additive) { additivity_.store(additive, std::memory_order_relaxed); }
 
 void Logger::addAppender(Appender& appender) {
     LoggerLock lock(mutex_);
@@ -142,7 +142,7 @@ void Logger::doAppend(const LoggingEvent* event) {
                 counted = true;
             }
         }
-        if (!current->additivity_ || !current->parent_) break;
+        if (!current->additivity_.load(std::memory_order_relaxed) || !current->parent_) break;
         current = current->parent_;
     }
     if (!counted) eventsLogged_.fetch_add(1, std::memory_order_relaxed);

@@ -21,6 +21,8 @@ namespace {
 constexpr size_t kIndexChunk = 256;
 constexpr size_t kParentNameLimit = 127;
 
+std::atomic<ConfigurationDiscovery> configurationDiscovery{nullptr};
+
 // A name whose parent part was too long, noted under the repository's lock
 // and reported after it.
 thread_local const char* pendingOverlongName = nullptr;
@@ -70,6 +72,10 @@ struct LoggerRepository::Impl {
         chunk[index % kIndexChunk].store(name, std::memory_order_release);
     }
 };
+
+void setConfigurationDiscovery(ConfigurationDiscovery discovery) {
+    configurationDiscovery.store(discovery, std::memory_order_release);
+}
 
 LoggerRepository::LoggerRepository() : impl_(new Impl()) {
     MutexLock lock(mutex_);
@@ -229,10 +235,10 @@ void LoggerRepository::resetConfiguration() {
             logger->level_ = logger == root_ ? LEVEL_WARN : LEVEL_INHERIT;
             logger->setEffectiveLevel(logger->level_);
             updateEffectiveLevelsLocked();
-            logger->additivity_ = true;
+            logger->additivity_.store(true, std::memory_order_relaxed);
         }
     }
-    // Start-up discovery runs again here once the configuration layer exists.
+    if (ConfigurationDiscovery discovery = configurationDiscovery.load(std::memory_order_acquire)) discovery();
     MutexLock lock(impl_->configMutex);
     for (ConfigurationCallback callback : impl_->callbacks) callback(this);
     impl_->configSignal.store(false, std::memory_order_release);
