@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "zvlog/Level.h"
+#include "zvlog/Log.h"
 #include "zvlog/Logger.h"
 #include "zvlog/buffer/Block.h"
 #include "zvlog/buffer/CrashRecorder.h"
@@ -540,6 +541,103 @@ unsigned int LogBufferImpl::addArgument(unsigned char type, const void* data, un
         return static_cast<unsigned>(p + 1 - base_);
     }
     return addArgumentSlow(type, data, length);
+}
+
+namespace {
+
+inline const void* argumentData(const detail::ArgRef& a) {
+    switch (a.type) {
+    case ARG_STRING:
+    case ARG_WSTRING:
+    case ARG_RAW:
+        return a.ptr;
+    default:
+        return &a.ptr;  // fixed-size values live inline
+    }
+}
+
+// Bytes the fast pass writes for an argument (type byte included), or 0 when
+// it must go addArgument's way.
+inline unsigned fastSize(const detail::ArgRef& a) {
+    switch (a.type) {
+    case ARG_INT32:
+    case ARG_UINT32:
+    case ARG_FLOAT:
+        return 5;
+    case ARG_INT64:
+    case ARG_UINT64:
+    case ARG_POINTER:
+    case ARG_TIME:
+        return 9;
+    case ARG_INT16:
+    case ARG_UINT16:
+        return 3;
+    case ARG_STRING:
+        return a.ptr && a.length < kMaxArgumentData ? a.length + 2 : 0;
+    default:
+        return 0;
+    }
+}
+
+}  // namespace
+
+void LogBufferImpl::addArguments(const detail::ArgRef* args, unsigned short count, LoggingEvent& event) {
+    State& s = *state_;
+    event.argumentCount = count;
+    if (ZVLOG_LIKELY(base_ && count <= s.expected)) {
+        unsigned total = 0;
+        bool fast = true;
+        for (unsigned short i = 0; i < count; ++i) {
+            const unsigned size = fastSize(args[i]);
+            fast = fast && size != 0;
+            total += size;
+        }
+        // The same margin addArgument keeps after each argument.
+        if (ZVLOG_LIKELY(fast && total + 16 < kBlockSize - position_)) {
+            unsigned char* p = base_ + position_;
+            for (unsigned short i = 0; i < count; ++i) {
+                const detail::ArgRef& a = args[i];
+                *p = a.type;
+                event.argumentTypes[i] = a.type;
+                event.argumentValues[i] = p + 1;
+                switch (a.type) {
+                case ARG_STRING:
+                    copyBytes(p + 1, a.ptr, a.length);
+                    p[1 + a.length] = 0;
+                    p += a.length + 2;
+                    break;
+                case ARG_INT16:
+                case ARG_UINT16:
+                    std::memcpy(p + 1, &a.ptr, 2);
+                    p += 3;
+                    break;
+                case ARG_INT32:
+                case ARG_UINT32:
+                case ARG_FLOAT:
+                    std::memcpy(p + 1, &a.ptr, 4);
+                    p += 5;
+                    break;
+                default:
+                    std::memcpy(p + 1, &a.ptr, 8);
+                    p += 9;
+                    break;
+                }
+            }
+            position_ = static_cast<unsigned>(p - base_);
+            s.expected -= count;
+            return;
+        }
+    }
+    // Argument positions relative to the event's first argument survive the
+    // event moving to a fresh block when a later argument does not fit.
+    unsigned int relative[LoggingEvent::kMaxArguments];
+    for (unsigned short i = 0; i < count; ++i)
+        relative[i] = addArgument(args[i].type, argumentData(args[i]), args[i].length) - argumentsStart_;
+    const unsigned char* first = base_ + argumentsStart_;
+    for (unsigned short i = 0; i < count; ++i) {
+        event.argumentTypes[i] = args[i].type;
+        event.argumentValues[i] = first + relative[i];
+    }
 }
 
 // Every type, cut to its limit, and any argument that might not fit.

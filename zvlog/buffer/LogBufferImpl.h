@@ -13,6 +13,10 @@ namespace zvs::zvlib::zvlog {
 
 struct ThreadRecord;
 
+namespace detail {
+struct ArgRef;
+}
+
 class ZVLOG_API LogBufferImpl final : public LogBuffer {
 public:
     // The thread record supplies the "b" token: number, OS id and name.
@@ -21,6 +25,11 @@ public:
 
     unsigned short addEvent(const LoggingEvent* event) override;
     unsigned int addArgument(unsigned char type, const void* data, unsigned int length) override;
+    // The arguments of the event just added, as addArgument writes them one
+    // by one, and the event's argument types and values pointing at them.
+    // Fixed-size values and short texts that all fit in the block go in one
+    // pass; anything else takes addArgument's way.
+    void addArguments(const detail::ArgRef* args, unsigned short count, LoggingEvent& event);
 
     // Closes the current block if it holds an event; the next event starts a
     // fresh block.

@@ -62,17 +62,6 @@ unsigned int registerCallSite(CallSite& site, const char* format, unsigned short
     return key;
 }
 
-inline const void* argumentData(const detail::ArgRef& a) {
-    switch (a.type) {
-    case ARG_STRING:
-    case ARG_WSTRING:
-    case ARG_RAW:
-        return a.ptr;
-    default:
-        return &a.ptr;  // fixed-size values live inline
-    }
-}
-
 }  // namespace
 
 EventAttributes::EventAttributes()
@@ -136,19 +125,7 @@ void logEvent(Logger* logger, unsigned char level, CallSite& site, const char* f
 
     LogBufferImpl* buffer = threadBuffer(thread);
     buffer->addEvent(&event);
-    // Argument positions relative to the event's first argument survive the
-    // event moving to a fresh block when a later argument does not fit.
-    unsigned int relative[LoggingEvent::kMaxArguments];
-    for (unsigned short i = 0; i < count; ++i) {
-        unsigned int position = buffer->addArgument(args[i].type, argumentData(args[i]), args[i].length);
-        relative[i] = position - buffer->argumentsOffset();
-    }
-    const unsigned char* first = buffer->blockBase() + buffer->argumentsOffset();
-    for (unsigned short i = 0; i < count; ++i) {
-        event.argumentTypes[i] = args[i].type;
-        event.argumentValues[i] = first + relative[i];
-    }
-    event.argumentCount = count;
+    buffer->addArguments(args, count, event);
     event.setBufferLocation(buffer);
 
     logger->doAppend(&event);
