@@ -35,7 +35,13 @@
 //   then the producer waits until the consumer has delivered the burst, and
 //   again; 1000 bursts per library (×--scale) after 20 untimed ones. The
 //   cost of an empty timed pair (its median, measured the same way) is
-//   subtracted and printed. zvlog, spdlog and quill, each writing its file.
+//   subtracted and printed. zvlog, spdlog and quill, each writing its file:
+//   zvlog's asynchronous FileAppender (the producer waits for its issued
+//   count), spdlog's async_logger on its default pool of 8192 slots with a
+//   file sink that is basic_file_sink's code plus a count (basic_file_sink is
+//   final), quill's logger (the producer waits in flush_log()). A drain that
+//   lets the consumer fall asleep makes the next burst's first call pay for
+//   waking it, where the library wakes it from the caller.
 //
 // threads (--cases=threads)
 //   sync file and async producer/total from 1, 2 and 4 threads on one logger
