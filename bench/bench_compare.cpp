@@ -41,7 +41,14 @@
 //   file sink that is basic_file_sink's code plus a count (basic_file_sink is
 //   final), quill's logger (the producer waits in flush_log()). A drain that
 //   lets the consumer fall asleep makes the next burst's first call pay for
-//   waking it, where the library wakes it from the caller.
+//   waking it, where the library wakes it from the caller. The counter
+//   reads in steps of about 10 ns on this machine (a VM), so p50s move in
+//   10 ns steps.
+//   A second pass runs with every thread of the process pinned to one CPU
+//   (sched_setaffinity on each task; threads started meanwhile inherit it):
+//   the producer then shares its processor with the consumer, as it does
+//   on a busy machine, and a consumer that spins after being woken takes
+//   the producer's processor for that long.
 //
 // threads (--cases=threads)
 //   sync file and async producer/total from 1, 2 and 4 threads on one logger
@@ -121,7 +128,9 @@
 // for the files goes (default /tmp); --libs and --cases pick what runs (for
 // profiling one case alone). The full run takes about 45 s on two cores.
 
+#include <dirent.h>
 #include <fcntl.h>
+#include <sched.h>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -1493,6 +1502,47 @@ uint64_t timerOverheadTicks() {
     return v[v.size() / 2];
 }
 
+// While alive, every thread of the process, and every thread they start,
+// runs on one CPU (the first the process may use): a producer then shares
+// its processor with the library's consumer thread, as it does whenever the
+// other cores are busy. The destructor gives every thread the process's
+// former set back.
+class OneCpu {
+public:
+    OneCpu() {
+        CPU_ZERO(&saved_);
+        if (sched_getaffinity(0, sizeof saved_, &saved_) != 0) return;
+        cpu_set_t one;
+        CPU_ZERO(&one);
+        for (int c = 0; c < CPU_SETSIZE; ++c)
+            if (CPU_ISSET(c, &saved_)) {
+                CPU_SET(c, &one);
+                break;
+            }
+        pinned_ = setAll(one);
+    }
+    ~OneCpu() {
+        if (pinned_) setAll(saved_);
+    }
+    bool pinned() const { return pinned_; }
+
+private:
+    static bool setAll(const cpu_set_t& set) {
+        DIR* tasks = ::opendir("/proc/self/task");
+        if (!tasks) return false;
+        bool ok = true;
+        while (const dirent* e = ::readdir(tasks)) {
+            if (e->d_name[0] == '.') continue;
+            const pid_t tid = static_cast<pid_t>(std::atol(e->d_name));
+            if (sched_setaffinity(tid, sizeof set, &set) != 0 && errno != ESRCH) ok = false;
+        }
+        ::closedir(tasks);
+        return ok;
+    }
+    cpu_set_t saved_;
+    bool pinned_ = false;
+};
+
 struct Percentiles {
     double p50 = -1, p99 = -1, p999 = -1, max = -1, mean = -1;
     size_t samples = 0;
@@ -1515,6 +1565,39 @@ Percentiles percentiles(std::vector<uint32_t> ticks, uint64_t overhead, double p
     p.mean = sum / static_cast<double>(ticks.size());
     p.samples = ticks.size();
     return p;
+}
+
+// One latency table: the percentiles of each library's calls, and zvlog's
+// over the best peer's, column by column.
+void printLatency(const char* title, const std::vector<std::vector<uint32_t>>& ticks,
+                  const std::vector<std::unique_ptr<Contender>>& contenders, uint64_t overhead, double perNs) {
+    bool any = false;
+    for (const auto& t : ticks) any = any || !t.empty();
+    if (!any) return;
+    std::printf("%s\n  (ns; bursts of %d calls, each then drained; timer overhead %.1f ns subtracted)\n", title, kBurst,
+                static_cast<double>(overhead) / perNs);
+    std::printf("  %-30s %9s %9s %9s %9s %9s %9s\n", "library", "p50", "p99", "p99.9", "max", "mean", "samples");
+    std::vector<Percentiles> per(contenders.size());
+    for (size_t k = 0; k < contenders.size(); ++k) {
+        if (ticks[k].empty()) continue;
+        per[k] = percentiles(ticks[k], overhead, perNs);
+        const Percentiles& p = per[k];
+        std::printf("  %-30s %9.1f %9.1f %9.1f %9.0f %9.1f %9zu\n", contenders[k]->name(), p.p50, p.p99, p.p999, p.max,
+                    p.mean, p.samples);
+    }
+    if (per[0].samples) {
+        std::printf("  %-30s", "zvlog / best peer");
+        for (double Percentiles::*f :
+             {&Percentiles::p50, &Percentiles::p99, &Percentiles::p999, &Percentiles::max, &Percentiles::mean}) {
+            double best = -1;
+            for (size_t k = 1; k < per.size(); ++k)
+                if (per[k].samples && per[k].*f > 0 && (best < 0 || per[k].*f < best)) best = per[k].*f;
+            if (best > 0) std::printf(" %9.3f", per[0].*f / best);
+            else std::printf(" %9s", "-");
+        }
+        std::printf("\n");
+    }
+    std::printf("\n");
 }
 
 }  // namespace
@@ -1593,7 +1676,7 @@ int main(int argc, char** argv) {
     std::fflush(stdout);
 
     Results results(contenders.size());
-    std::vector<std::vector<uint32_t>> latencyTicks(contenders.size());
+    std::vector<std::vector<uint32_t>> latencyTicks(contenders.size()), latencyOneCpu(contenders.size());
     // zvlog alone: the file appender (multi-process safe) and the
     // single-process baseline, measured in adjacent pairs (the order swapped
     // from pair to pair) so that each ratio compares like with like on a busy
@@ -1674,6 +1757,13 @@ int main(int argc, char** argv) {
                         latencyTicks[k].reserve(static_cast<size_t>(opt.reps * counts.bursts * kBurst));
                         c.latency(path, latencyTicks[k]);
                         verifyAndRemove(c, path, latencyEvents());
+                        const OneCpu oneCpu;
+                        if (oneCpu.pinned()) {
+                            const std::string pinnedPath = tmp.file(who + "-latency1cpu" + r + ".log");
+                            latencyOneCpu[k].reserve(latencyTicks[k].capacity());
+                            c.latency(pinnedPath, latencyOneCpu[k]);
+                            verifyAndRemove(c, pinnedPath, latencyEvents());
+                        }
                     }
                 }
                 if (phase == 1 || !opt.runs("mp") || !opt.lib("zvlog")) continue;
@@ -1727,37 +1817,11 @@ int main(int argc, char** argv) {
                results, contenders);
 
     if (opt.runs("latency")) {
-        bool any = false;
-        for (const auto& t : latencyTicks) any = any || !t.empty();
-        if (any) {
-            const double perNs = tscPerNs();
-            const uint64_t overhead = timerOverheadTicks();
-            std::printf("async producer latency per call (ns): bursts of %d calls, each then drained; "
-                        "timer overhead %.1f ns subtracted\n",
-                        kBurst, static_cast<double>(overhead) / perNs);
-            std::printf("  %-30s %9s %9s %9s %9s %9s %9s\n", "library", "p50", "p99", "p99.9", "max", "mean", "samples");
-            std::vector<Percentiles> per(contenders.size());
-            for (size_t k = 0; k < contenders.size(); ++k) {
-                if (latencyTicks[k].empty()) continue;
-                per[k] = percentiles(latencyTicks[k], overhead, perNs);
-                const Percentiles& p = per[k];
-                std::printf("  %-30s %9.1f %9.1f %9.1f %9.0f %9.1f %9zu\n", contenders[k]->name(), p.p50, p.p99, p.p999,
-                            p.max, p.mean, p.samples);
-            }
-            if (per[0].samples) {
-                std::printf("  %-30s", "zvlog / best peer");
-                for (double Percentiles::*f :
-                     {&Percentiles::p50, &Percentiles::p99, &Percentiles::p999, &Percentiles::max, &Percentiles::mean}) {
-                    double best = -1;
-                    for (size_t k = 1; k < per.size(); ++k)
-                        if (per[k].samples && per[k].*f > 0 && (best < 0 || per[k].*f < best)) best = per[k].*f;
-                    if (best > 0) std::printf(" %9.3f", per[0].*f / best);
-                    else std::printf(" %9s", "-");
-                }
-                std::printf("\n");
-            }
-            std::printf("\n");
-        }
+        const double perNs = tscPerNs();
+        const uint64_t overhead = timerOverheadTicks();
+        printLatency("async producer latency per call", latencyTicks, contenders, overhead, perNs);
+        printLatency("the same with every thread of the process on one CPU (as when the other core is busy)",
+                     latencyOneCpu, contenders, overhead, perNs);
     }
 
     printTable("threads: one logger, the events split among 1, 2 and 4 threads (4 oversubscribes 2 cores)",
