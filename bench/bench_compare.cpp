@@ -1,8 +1,14 @@
-// zvlog beside spdlog, log4cxx and log4cplus, one run, one record:
+// zvlog beside spdlog, quill, log4cxx and log4cplus, one run, one record:
 //
-//   "<date with milliseconds> INFO bench.compare - iteration <int> value short"
+//   "<date with milliseconds> <level> bench.compare - iteration <int> value short"
 //
-// Cases (ns per event, wall time):
+// The level is each library's own spelling of INFO ("INFO"; spdlog's "%l"
+// prints "info"): a different spelling costs nothing, a custom flag to get
+// the same one would.
+//
+// Cases (ns per event, wall time), by group:
+//
+// main table (--cases=disabled,format,file1,file2,async,mp)
 //   disabled         a DEBUG call on a logger at WARN
 //   format           an appender/sink that lays the event out with its pattern
 //                    layout into a reused string and drops the text
@@ -10,10 +16,12 @@
 //                    thread, then from two threads on one logger (all events
 //                    over wall time); the time includes the final flush
 //   async producer   the logging calls while an asynchronous appender writes
-//                    the file on its own thread: one flood of events, as wall
-//                    time and as the logging thread's CPU time
+//                    the file on its own thread: one flood of events, from the
+//                    moment the producer starts until its last call returns,
+//                    as wall time and as the logging thread's CPU time
 //   async total      from the first call until every event is in the file
-//                    (drained, flushed, closed)
+//                    (drained and flushed; closed too but for zvlog, whose
+//                    appender stays)
 //   zvlog file paths zvlog alone: its FileAppender, which is always safe for
 //                    several processes (an O_APPEND descriptor and one write()
 //                    of whole records per buffer; it has no single-process
@@ -22,36 +30,128 @@
 //                    with a 4096-byte buffer, never locked or sought); and two
 //                    processes appending to one file
 //
-// Each peer is driven through its own idiomatic API: spdlog's fmt-style
-// calls, a base_sink<null_mutex>, basic_file_sink_mt and an async_logger on a
-// thread pool of spdlog's defaults; log4cxx's and log4cplus's stream macros,
-// PatternLayout, FileAppender (log4cxx: BufferedIO, no ImmediateFlush;
-// log4cplus: no immediateFlush) and AsyncAppender with its default queue.
-// Buffers are each library's default: zvlog 4096 bytes, spdlog the stdio
-// stream's (the file system block, 4096 here), log4cxx 8 KiB, log4cplus the
-// filebuf's (8 KiB).
+// latency (--cases=latency)
+//   The asynchronous producer call by call: bursts of 100 calls, each timed
+//   alone with the time-stamp counter (lfence; rdtsc ... rdtscp; lfence),
+//   then the producer waits until the consumer has delivered the burst, and
+//   again; 1000 bursts per library (×--scale) after 20 untimed ones. The
+//   cost of an empty timed pair (its median, measured the same way) is
+//   subtracted and printed. zvlog, spdlog and quill, each writing its file:
+//   zvlog's asynchronous FileAppender (the producer waits for its issued
+//   count), spdlog's async_logger on its default pool of 8192 slots with a
+//   file sink that is basic_file_sink's code plus a count (basic_file_sink is
+//   final), quill's logger (the producer waits in flush_log()). A drain that
+//   lets the consumer fall asleep makes the next burst's first call pay for
+//   waking it, where the library wakes it from the caller. The counter
+//   reads in steps of about 10 ns on this machine (a VM), so p50s move in
+//   10 ns steps.
+//   A second pass runs with every thread of the process pinned to one CPU
+//   (sched_setaffinity on each task; threads started meanwhile inherit it):
+//   the producer then shares its processor with the consumer, as it does
+//   on a busy machine, and a consumer that spins after being woken takes
+//   the producer's processor for that long.
+//
+// threads (--cases=threads)
+//   sync file and async producer/total from 1, 2 and 4 threads on one logger
+//   (4 oversubscribes a 2-core machine); the same total of events is split
+//   among the threads.
+//
+// payload (--cases=payload)
+//   sync file and async producer/total, one thread, for
+//     1 KiB string   "iteration <int> value <a 1024-character string>"
+//     8 arguments    "iteration <int> value short a 12345 b 678901234567
+//                    c alpha d 42 e -7 f omega" (int, string, int, long,
+//                    string, unsigned, int, string)
+//     deep logger    the record on logger "a.b.c.d.e", whose level is
+//                    inherited and whose appenders sit at the root (spdlog
+//                    and quill have no hierarchy: their logger of that name
+//                    holds the sink itself)
+//
+// Each table shows, per case, the best peer and zvlog's figure over that
+// peer's (zv/best; below 1 zvlog is faster), and the targets zvlog is held to.
+//
+// Steady state, as in a program that has run a while: the logging threads of
+// the file cases are four workers kept for the whole run (what a library
+// keeps per thread, such as quill's queue grown by the first flood or
+// zvlog's event buffer, stays), and zvlog's asynchronous FileAppender is one
+// for the whole run, kept asynchronous and given each case's file with
+// setFile() and activateOptions() (its queue's memory stays too); its drain
+// waits for the appender's issued count, then flush(). The first of the
+// repetitions pays what is set up once; the medians are the later ones.
+//
+// Each peer runs at its own best configuration for this content, through
+// its idiomatic API:
+//   spdlog   fmt-style calls on a spdlog::logger; pattern
+//            "%Y-%m-%d %H:%M:%S.%e %l %n - %v" (its own level flag, no custom
+//            flag); base_sink<null_mutex> for format, basic_file_sink_mt for
+//            the files (the stdio stream's buffer: the file system block,
+//            4096 here); async_logger with overflow policy block (no event
+//            lost, spdlog's default) on its own thread_pool of one worker,
+//            whose queue holds the whole flood of the case (a power of two,
+//            at least spdlog's default 8192 slots): the default 8192 slots
+//            make the producer wait for the worker once full, so that its
+//            producer figure would be the worker's speed.
+//            Header-only (spdlog::spdlog_header_only: the level test and
+//            the formatter inlined into the caller) when CMake has that
+//            target, unless -DZVLOG_BENCH_SPDLOG_HEADER_ONLY=OFF; the compiled
+//            libspdlog was slower in every case here (disabled call 8-10 ns
+//            against 0.55, format 193 against 158, sync file 272 against 239).
+//            The run says which form it measures.
+//   quill    12.1, header-only: Backend::start() with default BackendOptions
+//            (one backend thread, sleeping 100 us when idle), loggers from
+//            Frontend::create_or_get_logger with the default frontend
+//            (UnboundedBlocking queue per thread, 128 KiB growing up to 2 GiB:
+//            no event lost) and TSC clock, a FileSink (open mode "w", its
+//            default 64 KiB write buffer, no fsync) and PatternFormatterOptions
+//            "%(time) %(log_level) %(logger) - %(message)" with time
+//            "%Y-%m-%d %H:%M:%S.%Qms" (local time); QUILL_LOG_INFO. The drain
+//            is logger->flush_log() then Frontend::remove_logger_blocking
+//            (which closes the file). Asynchronous only: no format or sync
+//            file case. Its backend thread starts on quill's first case and
+//            polls every 100 us while idle until the program ends.
+//   log4cxx  stream macros, PatternLayout, FileAppender (BufferedIO with its
+//            8 KiB buffer, no ImmediateFlush), AsyncAppender with its default
+//            buffer of 128 events, blocking when full (no event lost).
+//   log4cplus stream macros, PatternLayout, FileAppender (no immediateFlush,
+//            the filebuf's 8 KiB buffer), AsyncAppender with its default
+//            queue limit of 100, blocking.
+//            For both, a queue of 65536 events was tried: the producer
+//            figures stayed the same (their cost is building the event on
+//            the calling thread) and the totals grew, so the defaults stay.
+//            Their buffers are their defaults too: both already write in
+//            larger blocks than zvlog's 4096 bytes.
+//   zvlog    as its users set it up: FileAppender (4096-byte buffer),
+//            PatternLayout "%d{%Y-%m-%d %H:%M:%S} %p %c - %m%n", and for the
+//            asynchronous cases appender->setAsynchronous(true) (its
+//            unbounded queue, one "LogAppenderThread"), kept for the run.
 //
 // The file cases check every line of the file afterwards (count, shape, each
 // id exactly once: a figure from a sink that lost or mangled records is
 // worthless) and delete it. Each case runs --reps times (3 by default) and
-// the table shows the medians.
+// the tables show the medians (latency: the samples of every repetition).
 //
 //   bench_compare [--reps=N] [--scale=F] [--dir=DIR]
-//                 [--libs=zvlog,spdlog,log4cxx,log4cplus]
-//                 [--cases=disabled,format,file1,file2,async,mp]
+//                 [--libs=zvlog,spdlog,quill,log4cxx,log4cplus]
+//                 [--cases=disabled,format,file1,file2,async,mp,latency,threads,payload]
 //
 // --scale multiplies the event counts; --dir is where the temporary folder
 // for the files goes (default /tmp); --libs and --cases pick what runs (for
-// profiling one case alone). The run takes about 10 s on two cores.
+// profiling one case alone). The full run takes about 35-40 s on two cores.
 
+#include <dirent.h>
 #include <fcntl.h>
+#include <sched.h>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <x86intrin.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <condition_variable>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -59,11 +159,14 @@
 #include <fstream>
 #include <functional>
 #include <latch>
+#include <map>
 #include <memory>
+#include <mutex>
 #include <stdexcept>
 #include <string>
 #include <string_view>
 #include <thread>
+#include <type_traits>
 #include <vector>
 
 #include "zvlog/FileAppender.h"
@@ -72,12 +175,23 @@
 #ifdef ZVLOG_BENCH_HAVE_SPDLOG
 #include <spdlog/async.h>
 #include <spdlog/async_logger.h>
+#include <spdlog/details/file_helper.h>
 #include <spdlog/details/null_mutex.h>
 #include <spdlog/details/thread_pool.h>
 #include <spdlog/pattern_formatter.h>
 #include <spdlog/sinks/base_sink.h>
 #include <spdlog/sinks/basic_file_sink.h>
 #include <spdlog/spdlog.h>
+#endif
+
+#ifdef ZVLOG_BENCH_HAVE_QUILL
+#define QUILL_DISABLE_NON_PREFIXED_MACROS 1
+#include <quill/Backend.h>
+#include <quill/Frontend.h>
+#include <quill/LogMacros.h>
+#include <quill/Logger.h>
+#include <quill/sinks/FileSink.h>
+#include <quill/sinks/NullSink.h>
 #endif
 
 #ifdef ZVLOG_BENCH_HAVE_LOG4CXX
@@ -107,11 +221,14 @@ using Clock = std::chrono::steady_clock;
 
 constexpr const char* kLoggerName = "bench.compare";
 constexpr const char* kDisabledName = "bench.compare.disabled";
+constexpr const char* kDeepName = "a.b.c.d.e";
 
 // The same line from every library; only the line end differs (zvlog's
-// "%n" is "\r\n", the others print "\n").
+// "%n" is "\r\n", the others print "\n") and the spelling of the level.
 constexpr const char* kZvlogPattern = "%d{%Y-%m-%d %H:%M:%S} %p %c - %m%n";  // "%S" carries ".mmm"
-constexpr const char* kSpdlogPattern = "%Y-%m-%d %H:%M:%S.%e %* %n - %v";   // "%*": upper-case level
+constexpr const char* kSpdlogPattern = "%Y-%m-%d %H:%M:%S.%e %l %n - %v";     // "%l": "info"
+constexpr const char* kQuillPattern = "%(time) %(log_level) %(logger) - %(message)";
+constexpr const char* kQuillTimePattern = "%Y-%m-%d %H:%M:%S.%Qms";
 constexpr const char* kLog4cxxPattern = "%d{yyyy-MM-dd HH:mm:ss.SSS} %p %c - %m%n";
 constexpr const char* kLog4cplusPattern = "%D{%Y-%m-%d %H:%M:%S.%q} %p %c - %m%n";
 
@@ -119,11 +236,17 @@ constexpr const char* kLog4cplusPattern = "%D{%Y-%m-%d %H:%M:%S.%q} %p %c - %m%n
 struct Counts {
     long disabled = 20'000'000;
     long format = 200'000;
-    long file = 200'000;   // per thread in the two-thread case: half of it
-    long async = 200'000;
-    long warm = 2'000;     // untimed events before each timed loop
+    long file = 200'000;     // all threads together in the thread cases
+    long async = 200'000;    // likewise
+    long kib = 50'000;       // the 1 KiB string (about 1.1 KiB a line)
+    long args8 = 100'000;
+    long deep = 100'000;
+    long bursts = 1'000;     // latency: bursts of kBurst calls
+    long warm = 2'000;       // untimed events before each timed loop (per thread)
 };
 Counts counts;
+constexpr int kBurst = 100;
+constexpr int kWarmBursts = 20;
 
 inline void compilerBarrier() { asm volatile("" ::: "memory"); }
 
@@ -131,19 +254,68 @@ double nsSince(Clock::time_point start) {
     return std::chrono::duration<double, std::nano>(Clock::now() - start).count();
 }
 
+// --- what is logged ------------------------------------------------------------
+
+enum class Payload { Short, Kib, Args8, Deep };
+template <Payload P>
+using PayloadTag = std::integral_constant<Payload, P>;
+
+// Calls f with the payload as a compile-time tag, so that each timed loop is
+// compiled for its record (Deep logs the short record on another logger).
+template <class F>
+decltype(auto) withPayload(Payload p, F&& f) {
+    switch (p) {
+        case Payload::Kib: return f(PayloadTag<Payload::Kib>{});
+        case Payload::Args8: return f(PayloadTag<Payload::Args8>{});
+        default: return f(PayloadTag<Payload::Short>{});
+    }
+}
+
+// The 1 KiB argument, a plain const char* for every library.
+std::string gKibText;
+const char* gKib = nullptr;
+
+// The eight arguments after the id and "short".
+#define BENCH_ARGS8_VALUES 12345, 678901234567L, "alpha", 42u, -7, "omega"
+constexpr std::string_view kArgs8Tail = " a 12345 b 678901234567 c alpha d 42 e -7 f omega";
+
+struct Shape {
+    std::string logger;
+    std::string suffix;  // after "iteration <id>"
+};
+
+Shape shapeOf(Payload p) {
+    switch (p) {
+        case Payload::Kib: return {kLoggerName, " value " + gKibText};
+        case Payload::Args8: return {kLoggerName, " value short" + std::string(kArgs8Tail)};
+        case Payload::Deep: return {kDeepName, " value short"};
+        default: return {kLoggerName, " value short"};
+    }
+}
+
+long eventsOf(Payload p) {
+    switch (p) {
+        case Payload::Kib: return counts.kib;
+        case Payload::Args8: return counts.args8;
+        case Payload::Deep: return counts.deep;
+        default: return counts.file;
+    }
+}
+
 // --- the file check ----------------------------------------------------------
 
-// Every line must read "yyyy-mm-dd hh:mm:ss.mmm INFO bench.compare - iteration
-// <id> value short" (optionally "\r" before the "\n"), and the ids must be
+// Every line must read "yyyy-mm-dd hh:mm:ss.mmm <level> <logger> - iteration
+// <id><suffix>" (optionally "\r" before the "\n"), and the ids must be
 // exactly 0 .. expected-1, each once: nothing lost, doubled or interleaved.
-bool checkFile(const std::string& path, long expected, std::string& why) {
+bool checkFile(const std::string& path, long expected, const std::string& level, const Shape& shape,
+               std::string& why) {
     std::ifstream in(path, std::ios::binary);
     if (!in) {
         why = "cannot open " + path;
         return false;
     }
-    static constexpr std::string_view kMiddle = " INFO bench.compare - iteration ";
-    static constexpr std::string_view kEnd = " value short";
+    const std::string middle = " " + level + " " + shape.logger + " - iteration ";
+    const std::string_view end(shape.suffix);
     std::vector<char> seen(static_cast<size_t>(expected), 0);
     std::string line;
     long lines = 0;
@@ -154,11 +326,11 @@ bool checkFile(const std::string& path, long expected, std::string& why) {
                             line[13] == ':' && line[16] == ':' && line[19] == '.';
         const std::string_view rest = dateOk ? std::string_view(line).substr(23) : std::string_view();
         long id = -1;
-        if (dateOk && rest.substr(0, kMiddle.size()) == kMiddle) {
-            const char* p = rest.data() + kMiddle.size();
-            char* end = nullptr;
-            id = std::strtol(p, &end, 10);
-            if (end == p || std::string_view(end, static_cast<size_t>(rest.data() + rest.size() - end)) != kEnd)
+        if (dateOk && rest.substr(0, middle.size()) == middle) {
+            const char* p = rest.data() + middle.size();
+            char* stop = nullptr;
+            id = std::strtol(p, &stop, 10);
+            if (stop == p || std::string_view(stop, static_cast<size_t>(rest.data() + rest.size() - stop)) != end)
                 id = -1;
         }
         if (id < 0 || id >= expected || seen[static_cast<size_t>(id)]) {
@@ -176,19 +348,24 @@ bool checkFile(const std::string& path, long expected, std::string& why) {
 
 // --- what each library provides ------------------------------------------------
 
-// A synchronous case: wall time per event, and the logging threads' CPU time
+// A run of logging threads: wall time per event until the last thread's last
+// call returned (producer) and until the output was complete (wall: the
+// final flush, drain and close included), and the logging threads' CPU time
 // per event (their timed loops only; robust against preemption by other
 // processes, and it includes the time spent in write()).
 struct Timing {
     double wall = -1;
     double cpu = -1;
+    double producer = -1;
 };
 
 struct AsyncFigures {
     double producer = -1;     // ns per logging call
-    double producerCpu = -1;  // the logging thread's CPU time per call
+    double producerCpu = -1;  // the logging threads' CPU time per call
     double total = -1;        // ns per event until the file is complete
 };
+
+AsyncFigures asyncFigures(const Timing& t) { return {t.producer, t.cpu, t.wall}; }
 
 // The calling thread's CPU time: unlike the wall clock it leaves out the
 // time the producer waits for a full queue or is preempted, e.g. by the
@@ -199,48 +376,172 @@ double threadCpuNs() {
     return static_cast<double>(ts.tv_sec) * 1e9 + static_cast<double>(ts.tv_nsec);
 }
 
+// --- per-call latency ------------------------------------------------------------
+
+inline uint64_t tscBegin() {
+    _mm_lfence();
+    const uint64_t t = __rdtsc();
+    _mm_lfence();
+    return t;
+}
+inline uint64_t tscEnd() {
+    unsigned int aux;
+    const uint64_t t = __rdtscp(&aux);
+    _mm_lfence();
+    return t;
+}
+
+// Bursts of kBurst timed calls, each followed by drain(next id), which
+// returns once the consumer has delivered every event so far. The first
+// kWarmBursts are not kept. Ticks of the time-stamp counter per call.
+template <class Log, class Drain>
+void timeBursts(long bursts, std::vector<uint32_t>& ticks, Log&& log, Drain&& drain) {
+    int id = 0;
+    uint64_t sample[kBurst];
+    for (long b = -kWarmBursts; b < bursts; ++b) {
+        for (int i = 0; i < kBurst; ++i) {
+            const uint64_t t0 = tscBegin();
+            log(id + i);
+            sample[i] = tscEnd() - t0;
+        }
+        id += kBurst;
+        drain(id);
+        if (b >= 0)
+            for (uint64_t s : sample) ticks.push_back(static_cast<uint32_t>(std::min<uint64_t>(s, UINT32_MAX)));
+    }
+}
+
+// The events a latency run writes: the warm bursts and the timed ones.
+long latencyEvents() { return (counts.bursts + kWarmBursts) * kBurst; }
+
+// Waits until count() reaches target, yielding; throws after 30 s.
+template <class Count>
+void awaitCount(Count&& count, unsigned long long target, const char* who) {
+    const Clock::time_point deadline = Clock::now() + std::chrono::seconds(30);
+    while (count() < target) {
+        if (Clock::now() > deadline) throw std::runtime_error(std::string(who) + ": the consumer did not drain");
+        std::this_thread::yield();
+    }
+}
+
 // One library. The loops live in the overrides, so nothing virtual sits on
-// the timed path. A failure throws std::runtime_error with the reason.
+// the timed path. A failure throws std::runtime_error with the reason. A
+// figure of -1 is a case the library does not have.
 class Contender {
 public:
     virtual ~Contender() = default;
     virtual const char* name() const = 0;
+    // How its records spell INFO.
+    virtual const char* level() const { return "INFO"; }
+    virtual bool hasSync() const { return true; }
+    virtual bool hasLatency() const { return false; }
+    // A library whose thread, once started, runs until the program ends:
+    // its cases run after every other library's.
+    virtual bool keepsThread() const { return false; }
     virtual double disabled(long n) = 0;
-    virtual double format(long n) = 0;
+    virtual double format(long) { return -1; }
     // Each of `threads` threads logs warm then n events: ids t*(warm+n) ...
-    virtual Timing fileSync(const std::string& path, int threads, long n) = 0;
-    virtual AsyncFigures fileAsync(const std::string& path, long n) = 0;
-    // One formatted line, for the sample printed at the start.
-    virtual std::string sample() = 0;
+    virtual Timing fileSync(const std::string&, int, long, Payload) { return {}; }
+    virtual AsyncFigures fileAsync(const std::string& path, int threads, long n, Payload p) = 0;
+    // Appends the ticks of counts.bursts * kBurst calls.
+    virtual void latency(const std::string&, std::vector<uint32_t>&) {}
+    // One formatted line, for the sample printed at the start (scratch: a
+    // file it may use).
+    virtual std::string sample(const std::string& scratch) = 0;
 };
 
-// Runs the threads of a synchronous file case and times them from the moment
-// all have warmed up until all are done, plus `finish` (the flush).
+// The logging threads of the file cases: started once and kept for the
+// whole run, as an application keeps its threads, so that what a library
+// sets up per thread (zvlog's event buffer, quill's queue, grown to what a
+// flood needs) is there from the second case on, as in a program that has
+// been running a while; a thread's exit is never timed.
+class Workers {
+public:
+    static constexpr int kMax = 4;
+    Workers() {
+        for (int t = 0; t < kMax; ++t) threads_.emplace_back([this, t] { loop(t); });
+    }
+    ~Workers() {
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            stop_ = true;
+        }
+        wake_.notify_all();
+        for (std::thread& th : threads_) th.join();
+    }
+    // Runs job(t) on workers 0 .. count-1; wait() returns when all are done.
+    void start(int count, const std::function<void(int)>& job) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        job_ = &job;
+        count_ = count;
+        remaining_ = count;
+        ++generation_;
+        wake_.notify_all();
+    }
+    void wait() {
+        std::unique_lock<std::mutex> lock(mutex_);
+        done_.wait(lock, [this] { return remaining_ == 0; });
+        job_ = nullptr;
+    }
+
+private:
+    void loop(int t) {
+        unsigned long seen = 0;
+        for (;;) {
+            const std::function<void(int)>* job = nullptr;
+            {
+                std::unique_lock<std::mutex> lock(mutex_);
+                wake_.wait(lock, [&] { return stop_ || (generation_ != seen && t < count_); });
+                if (stop_) return;
+                seen = generation_;
+                job = job_;
+            }
+            (*job)(t);
+            std::lock_guard<std::mutex> lock(mutex_);
+            if (--remaining_ == 0) done_.notify_all();
+        }
+    }
+    std::mutex mutex_;
+    std::condition_variable wake_, done_;
+    const std::function<void(int)>* job_ = nullptr;
+    int count_ = 0;
+    int remaining_ = 0;
+    unsigned long generation_ = 0;
+    bool stop_ = false;
+    std::vector<std::thread> threads_;
+};
+Workers* gWorkers = nullptr;
+
+// Runs a file case on `threads` workers and times it from the moment all
+// have warmed up until all are done (producer), and until `finish` (the
+// flush, or the drain and close) returned (wall).
 template <class Log>
 Timing runThreads(int threads, long n, Log&& log, const std::function<void()>& finish) {
     std::latch ready(threads);
     std::latch go(1);
     std::vector<double> cpu(static_cast<size_t>(threads), 0);
-    std::vector<std::thread> pool;
-    for (int t = 0; t < threads; ++t) {
-        pool.emplace_back([&, t] {
-            const long base = t * (counts.warm + n);
-            for (long i = 0; i < counts.warm; ++i) log(static_cast<int>(base + i));
-            ready.count_down();
-            go.wait();
-            const double cpuStart = threadCpuNs();
-            for (long i = 0; i < n; ++i) log(static_cast<int>(base + counts.warm + i));
-            cpu[static_cast<size_t>(t)] = threadCpuNs() - cpuStart;
-        });
-    }
+    std::vector<Clock::time_point> ends(static_cast<size_t>(threads));
+    const std::function<void(int)> job = [&](int t) {
+        const long base = t * (counts.warm + n);
+        for (long i = 0; i < counts.warm; ++i) log(static_cast<int>(base + i));
+        ready.count_down();
+        go.wait();
+        const double cpuStart = threadCpuNs();
+        for (long i = 0; i < n; ++i) log(static_cast<int>(base + counts.warm + i));
+        ends[static_cast<size_t>(t)] = Clock::now();
+        cpu[static_cast<size_t>(t)] = threadCpuNs() - cpuStart;
+    };
+    gWorkers->start(threads, job);
     ready.wait();
     const Clock::time_point start = Clock::now();
     go.count_down();
-    for (std::thread& th : pool) th.join();
+    gWorkers->wait();
+    const Clock::time_point lastEnd = *std::max_element(ends.begin(), ends.end());
     finish();
     const double events = static_cast<double>(threads * n);
     Timing timing;
     timing.wall = nsSince(start) / events;
+    timing.producer = std::chrono::duration<double, std::nano>(lastEnd - start).count() / events;
     timing.cpu = 0;
     for (double c : cpu) timing.cpu += c / events;
     return timing;
@@ -278,6 +579,7 @@ public:
         zl::LoggerRepository* repo = zl::Logger::getRepository();
         logger_ = repo->getLogger(kLoggerName);
         off_ = repo->getLogger(kDisabledName);
+        deep_ = repo->getLogger(kDeepName);
         for (zl::Logger* l : {logger_, off_}) {
             l->setAdditivity(false);
             l->removeAllAppenders();
@@ -286,6 +588,17 @@ public:
         off_->setLevel(zl::LEVEL_WARN);
     }
     const char* name() const override { return "zvlog"; }
+    bool hasLatency() const override { return true; }
+
+    template <Payload P>
+    static void emit(zl::Logger* logger, int id) {
+        if constexpr (P == Payload::Kib)
+            ZVLOG_INFO(logger, "iteration %d value %s", id, gKib);
+        else if constexpr (P == Payload::Args8)
+            ZVLOG_INFO(logger, "iteration %d value %s a %d b %ld c %s d %u e %d f %s", id, "short", BENCH_ARGS8_VALUES);
+        else
+            ZVLOG_INFO(logger, "iteration %d value %s", id, "short");
+    }
 
     double disabled(long n) override {
         zl::Logger* logger = off_;
@@ -301,9 +614,9 @@ public:
         ZvDiscardAppender sink;
         logger_->addAppender(sink);
         zl::Logger* logger = logger_;
-        for (long i = 0; i < counts.warm; ++i) ZVLOG_INFO(logger, "iteration %d value %s", static_cast<int>(i), "short");
+        for (long i = 0; i < counts.warm; ++i) emit<Payload::Short>(logger, static_cast<int>(i));
         const Clock::time_point start = Clock::now();
-        for (long i = 0; i < n; ++i) ZVLOG_INFO(logger, "iteration %d value %s", static_cast<int>(i), "short");
+        for (long i = 0; i < n; ++i) emit<Payload::Short>(logger, static_cast<int>(i));
         const double ns = nsSince(start) / static_cast<double>(n);
         logger_->removeAppender(sink);
         if (sink.count() != counts.warm + n) fail(name(), "the discarding appender missed events");
@@ -311,7 +624,7 @@ public:
     }
 
     // A file appender writing `path`, truncated, with its default buffering.
-    std::unique_ptr<zl::FileAppender> openFile(const std::string& path) {
+    static std::unique_ptr<zl::FileAppender> openFile(const std::string& path) {
         auto file = std::make_unique<zl::FileAppender>("bench.compare.file");
         file->setLayout(new zl::PatternLayout(kZvlogPattern));  // the appender owns it
         file->setFile(path.c_str());
@@ -321,38 +634,94 @@ public:
         return file;
     }
 
-    Timing fileSync(const std::string& path, int threads, long n) override {
+    // The logger a payload logs on; for Deep the appender goes to the root
+    // (at INFO) and the logger inherits its level. Undone by detach().
+    zl::Logger* attach(zl::Appender& appender, Payload p) {
+        if (p != Payload::Deep) {
+            logger_->addAppender(appender);
+            return logger_;
+        }
+        zl::Logger* root = zl::Logger::getRepository()->getRootLogger();
+        rootLevel_ = root->getLevel();
+        root->setLevel(zl::LEVEL_INFO);
+        root->addAppender(appender);
+        return deep_;
+    }
+    void detach(zl::Appender& appender, Payload p) {
+        if (p != Payload::Deep) {
+            logger_->removeAppender(appender);
+            return;
+        }
+        zl::Logger* root = zl::Logger::getRepository()->getRootLogger();
+        root->removeAppender(appender);
+        root->setLevel(rootLevel_);
+    }
+
+    Timing fileSync(const std::string& path, int threads, long n, Payload p) override {
         auto file = openFile(path);
-        logger_->addAppender(*file);
-        zl::Logger* logger = logger_;
-        const Timing timing = runThreads(
-            threads, n, [logger](int id) { ZVLOG_INFO(logger, "iteration %d value %s", id, "short"); },
-            [&] { file->close(); });
-        logger_->removeAppender(*file);
+        zl::Logger* logger = attach(*file, p);
+        const Timing timing = withPayload(p, [&](auto tag) {
+            constexpr Payload P = decltype(tag)::value;
+            return runThreads(threads, n, [logger](int id) { emit<P>(logger, id); }, [&] { file->close(); });
+        });
+        detach(*file, p);
         return timing;
     }
 
-    AsyncFigures fileAsync(const std::string& path, long n) override {
-        auto file = openFile(path);
-        file->setAsynchronous(true);
-        logger_->addAppender(*file);
-        zl::Logger* logger = logger_;
-        for (long i = 0; i < counts.warm; ++i) ZVLOG_INFO(logger, "iteration %d value %s", static_cast<int>(i), "short");
-        AsyncFigures f;
-        const double cpuStart = threadCpuNs();
-        const Clock::time_point start = Clock::now();
-        for (long i = 0; i < n; ++i)
-            ZVLOG_INFO(logger, "iteration %d value %s", static_cast<int>(counts.warm + i), "short");
-        f.producer = nsSince(start) / static_cast<double>(n);
-        f.producerCpu = (threadCpuNs() - cpuStart) / static_cast<double>(n);
-        file->setAsynchronous(false);  // delivers what is queued
-        file->close();
-        f.total = nsSince(start) / static_cast<double>(n);
-        logger_->removeAppender(*file);
-        return f;
+    // The asynchronous appender: one for the whole run, kept asynchronous,
+    // as a program keeps its appenders (its queue's memory, grown by the
+    // first flood, stays); each case gives it its file (activateOptions
+    // closes the previous one; nothing is queued then).
+    zl::FileAppender& asyncFile(const std::string& path) {
+        if (!async_) {
+            async_ = openFile(path);
+            async_->setAsynchronous(true);
+        } else {
+            async_->setFile(path.c_str());
+            async_->activateOptions();
+        }
+        return *async_;
+    }
+    // Returns once the delivery thread has written `events` more events
+    // than `before` into the appender's buffer, and the buffer to the file.
+    static void drain(zl::FileAppender& file, unsigned long long before, unsigned long long events) {
+        awaitCount([&file] { return file.getEventsIssued(); }, before + events, "zvlog");
+        file.flush();
     }
 
-    std::string sample() override {
+    AsyncFigures fileAsync(const std::string& path, int threads, long n, Payload p) override {
+        zl::FileAppender& file = asyncFile(path);
+        const unsigned long long before = file.getEventsIssued();
+        zl::Logger* logger = attach(file, p);
+        const Timing timing = withPayload(p, [&](auto tag) {
+            constexpr Payload P = decltype(tag)::value;
+            return runThreads(threads, n, [logger](int id) { emit<P>(logger, id); },
+                              [&] { drain(file, before, static_cast<unsigned long long>(threads * (counts.warm + n))); });
+        });
+        detach(file, p);
+        return asyncFigures(timing);
+    }
+
+    void latency(const std::string& path, std::vector<uint32_t>& ticks) override {
+        zl::FileAppender& file = asyncFile(path);
+        const unsigned long long before = file.getEventsIssued();
+        logger_->addAppender(file);
+        zl::Logger* logger = logger_;
+        timeBursts(
+            counts.bursts, ticks, [logger](int id) { emit<Payload::Short>(logger, id); },
+            [&file, before](int id) {
+                awaitCount([&file] { return file.getEventsIssued(); }, before + static_cast<unsigned long long>(id),
+                           "zvlog");
+            });
+        file.flush();
+        logger_->removeAppender(file);
+    }
+
+    ~Zvlog() override {
+        if (async_) async_->close();  // leaves asynchronous delivery, closes the file
+    }
+
+    std::string sample(const std::string&) override {
         ZvDiscardAppender sink;
         logger_->addAppender(sink);
         ZVLOG_INFO(logger_, "iteration %d value %s", 42, "short");
@@ -363,6 +732,9 @@ public:
 private:
     zl::Logger* logger_ = nullptr;
     zl::Logger* off_ = nullptr;
+    zl::Logger* deep_ = nullptr;
+    unsigned char rootLevel_ = 0;
+    std::unique_ptr<zl::FileAppender> async_;
 };
 
 // --- zvlog: the multi-process-safe file against a single-process one ---------
@@ -513,25 +885,6 @@ double zvlogTwoProcesses(const std::string& self, const std::string& path, long 
 
 #ifdef ZVLOG_BENCH_HAVE_SPDLOG
 
-// "%*": the level in capitals, as the other three print it. A custom flag is
-// dispatched like every built-in one (a virtual call per flag), so it costs
-// what "%l" costs.
-class UpperLevelFlag : public spdlog::custom_flag_formatter {
-public:
-    void format(const spdlog::details::log_msg& msg, const std::tm&, spdlog::memory_buf_t& dest) override {
-        static constexpr std::string_view kNames[] = {"TRACE", "DEBUG", "INFO", "WARN", "ERROR", "FATAL", "OFF"};
-        const std::string_view n = kNames[static_cast<int>(msg.level)];
-        dest.append(n.data(), n.data() + n.size());
-    }
-    std::unique_ptr<custom_flag_formatter> clone() const override { return std::make_unique<UpperLevelFlag>(); }
-};
-
-std::unique_ptr<spdlog::formatter> spdlogFormatter() {
-    auto f = std::make_unique<spdlog::pattern_formatter>();
-    f->add_flag<UpperLevelFlag>('*').set_pattern(kSpdlogPattern);
-    return f;
-}
-
 class SpdlogDiscardSink : public spdlog::sinks::base_sink<spdlog::details::null_mutex> {
 public:
     const spdlog::memory_buf_t& text() const { return buffer_; }
@@ -550,9 +903,53 @@ private:
     long count_ = 0;
 };
 
+// The file sink of the latency case: basic_file_sink's own code (it is
+// final), counting what it wrote so that the producer can wait for the drain
+// (the count is the worker's, after the write).
+class SpdlogCountingFileSink : public spdlog::sinks::base_sink<std::mutex> {
+public:
+    explicit SpdlogCountingFileSink(const std::string& path) { file_.open(path, true); }
+    unsigned long long count() const { return count_.load(std::memory_order_acquire); }
+
+protected:
+    void sink_it_(const spdlog::details::log_msg& msg) override {
+        spdlog::memory_buf_t formatted;
+        formatter_->format(msg, formatted);
+        file_.write(formatted);
+        count_.store(count_.load(std::memory_order_relaxed) + 1, std::memory_order_release);
+    }
+    void flush_() override { file_.flush(); }
+
+private:
+    spdlog::details::file_helper file_;
+    std::atomic<unsigned long long> count_{0};
+};
+
+// Queue slots for a flood of `events`: enough for all of them (a power of
+// two, at least spdlog's default).
+size_t spdlogQueueSlots(long events) {
+    size_t slots = spdlog::details::default_async_q_size;
+    while (slots < static_cast<size_t>(events)) slots <<= 1;
+    return slots;
+}
+
 class Spdlog : public Contender {
 public:
     const char* name() const override { return "spdlog"; }
+    const char* level() const override { return "info"; }
+    bool hasLatency() const override { return true; }
+
+    template <Payload P>
+    static void emit(spdlog::logger* logger, int id) {
+        if constexpr (P == Payload::Kib)
+            logger->info("iteration {} value {}", id, gKib);
+        else if constexpr (P == Payload::Args8)
+            logger->info("iteration {} value {} a {} b {} c {} d {} e {} f {}", id, "short", BENCH_ARGS8_VALUES);
+        else
+            logger->info("iteration {} value {}", id, "short");
+    }
+
+    static const char* loggerName(Payload p) { return p == Payload::Deep ? kDeepName : kLoggerName; }
 
     double disabled(long n) override {
         spdlog::logger logger(kDisabledName, std::make_shared<SpdlogDiscardSink>());
@@ -568,59 +965,186 @@ public:
     double format(long n) override {
         auto sink = std::make_shared<SpdlogDiscardSink>();
         spdlog::logger logger(kLoggerName, sink);
-        logger.set_formatter(spdlogFormatter());
+        logger.set_pattern(kSpdlogPattern);
         logger.set_level(spdlog::level::info);
-        for (long i = 0; i < counts.warm; ++i) logger.info("iteration {} value {}", static_cast<int>(i), "short");
+        for (long i = 0; i < counts.warm; ++i) emit<Payload::Short>(&logger, static_cast<int>(i));
         const Clock::time_point start = Clock::now();
-        for (long i = 0; i < n; ++i) logger.info("iteration {} value {}", static_cast<int>(i), "short");
+        for (long i = 0; i < n; ++i) emit<Payload::Short>(&logger, static_cast<int>(i));
         const double ns = nsSince(start) / static_cast<double>(n);
         if (sink->count() != counts.warm + n) fail(name(), "the discarding sink missed events");
         return ns;
     }
 
-    Timing fileSync(const std::string& path, int threads, long n) override {
+    Timing fileSync(const std::string& path, int threads, long n, Payload p) override {
         auto sink = std::make_shared<spdlog::sinks::basic_file_sink_mt>(path, true);
-        auto logger = std::make_shared<spdlog::logger>(kLoggerName, sink);
-        logger->set_formatter(spdlogFormatter());
+        auto logger = std::make_shared<spdlog::logger>(loggerName(p), sink);
+        logger->set_pattern(kSpdlogPattern);
         logger->set_level(spdlog::level::info);
         spdlog::logger* l = logger.get();
-        return runThreads(
-            threads, n, [l](int id) { l->info("iteration {} value {}", id, "short"); }, [l] { l->flush(); });
+        return withPayload(p, [&](auto tag) {
+            constexpr Payload P = decltype(tag)::value;
+            return runThreads(threads, n, [l](int id) { emit<P>(l, id); }, [l] { l->flush(); });
+        });
     }
 
-    AsyncFigures fileAsync(const std::string& path, long n) override {
-        // spdlog's default pool: 8192 slots, one worker, blocking when full.
-        auto pool = std::make_shared<spdlog::details::thread_pool>(spdlog::details::default_async_q_size, 1);
+    AsyncFigures fileAsync(const std::string& path, int threads, long n, Payload p) override {
+        auto pool = std::make_shared<spdlog::details::thread_pool>(spdlogQueueSlots(threads * (counts.warm + n)), 1);
         auto sink = std::make_shared<spdlog::sinks::basic_file_sink_mt>(path, true);
-        auto logger = std::make_shared<spdlog::async_logger>(kLoggerName, sink, pool);
-        logger->set_formatter(spdlogFormatter());
+        auto logger =
+            std::make_shared<spdlog::async_logger>(loggerName(p), sink, pool, spdlog::async_overflow_policy::block);
+        logger->set_pattern(kSpdlogPattern);
         logger->set_level(spdlog::level::info);
-        for (long i = 0; i < counts.warm; ++i) logger->info("iteration {} value {}", static_cast<int>(i), "short");
-        AsyncFigures f;
-        const double cpuStart = threadCpuNs();
-        const Clock::time_point start = Clock::now();
-        for (long i = 0; i < n; ++i)
-            logger->info("iteration {} value {}", static_cast<int>(counts.warm + i), "short");
-        f.producer = nsSince(start) / static_cast<double>(n);
-        f.producerCpu = (threadCpuNs() - cpuStart) / static_cast<double>(n);
-        // The pool's destructor lets its worker finish the queue and joins it.
+        spdlog::logger* l = logger.get();
+        const Timing timing = withPayload(p, [&](auto tag) {
+            constexpr Payload P = decltype(tag)::value;
+            return runThreads(threads, n, [l](int id) { emit<P>(l, id); }, [&] {
+                // The queued messages hold the logger; the pool's destructor
+                // lets its worker finish the queue and joins it.
+                logger.reset();
+                pool.reset();
+                sink->flush();
+            });
+        });
+        return asyncFigures(timing);
+    }
+
+    void latency(const std::string& path, std::vector<uint32_t>& ticks) override {
+        // spdlog's default queue: a burst fits, and the slots stay warm.
+        auto pool = std::make_shared<spdlog::details::thread_pool>(spdlog::details::default_async_q_size, 1);
+        auto sink = std::make_shared<SpdlogCountingFileSink>(path);
+        auto logger =
+            std::make_shared<spdlog::async_logger>(kLoggerName, sink, pool, spdlog::async_overflow_policy::block);
+        logger->set_pattern(kSpdlogPattern);
+        logger->set_level(spdlog::level::info);
+        spdlog::logger* l = logger.get();
+        SpdlogCountingFileSink* s = sink.get();
+        timeBursts(
+            counts.bursts, ticks, [l](int id) { emit<Payload::Short>(l, id); },
+            [s](int id) {
+                awaitCount([s] { return s->count(); }, static_cast<unsigned long long>(id), "spdlog");
+            });
         logger.reset();
         pool.reset();
         sink->flush();
-        f.total = nsSince(start) / static_cast<double>(n);
-        return f;
     }
 
-    std::string sample() override {
+    std::string sample(const std::string&) override {
         auto sink = std::make_shared<SpdlogDiscardSink>();
         spdlog::logger logger(kLoggerName, sink);
-        logger.set_formatter(spdlogFormatter());
+        logger.set_pattern(kSpdlogPattern);
         logger.info("iteration {} value {}", 42, "short");
         return std::string(sink->text().data(), sink->text().size());
     }
 };
 
 #endif  // ZVLOG_BENCH_HAVE_SPDLOG
+
+// --- quill ---------------------------------------------------------------------
+
+#ifdef ZVLOG_BENCH_HAVE_QUILL
+
+std::atomic<int> gQuillQueueGrowths{0};
+
+class Quill : public Contender {
+public:
+    ~Quill() override {
+        if (started_) quill::Backend::stop();
+    }
+    const char* name() const override { return "quill"; }
+    bool hasSync() const override { return false; }
+    bool hasLatency() const override { return true; }
+    bool keepsThread() const override { return true; }
+
+    template <Payload P>
+    static void emit(quill::Logger* logger, int id) {
+        if constexpr (P == Payload::Kib)
+            QUILL_LOG_INFO(logger, "iteration {} value {}", id, gKib);
+        else if constexpr (P == Payload::Args8)
+            QUILL_LOG_INFO(logger, "iteration {} value {} a {} b {} c {} d {} e {} f {}", id, "short",
+                           BENCH_ARGS8_VALUES);
+        else
+            QUILL_LOG_INFO(logger, "iteration {} value {}", id, "short");
+    }
+
+    // The backend thread starts with quill's first case. Its notices that
+    // a queue grew are counted, not printed; errors go to stderr.
+    void start() {
+        if (started_) return;
+        quill::BackendOptions options;
+        options.error_notifier = [](const std::string& text) {
+            if (text.find("Allocated a new SPSC queue") != std::string::npos)
+                gQuillQueueGrowths.fetch_add(1, std::memory_order_relaxed);
+            else
+                std::fprintf(stderr, "quill: %s\n", text.c_str());
+        };
+        quill::Backend::start(options);
+        started_ = true;
+    }
+
+    static quill::PatternFormatterOptions pattern() {
+        return quill::PatternFormatterOptions{kQuillPattern, kQuillTimePattern};
+    }
+
+    // A logger writing `path`, truncated, with the sink's defaults otherwise.
+    quill::Logger* openFile(const std::string& path, const char* loggerName) {
+        start();
+        quill::FileSinkConfig config;
+        config.set_open_mode('w');
+        auto sink = quill::Frontend::create_or_get_sink<quill::FileSink>(path, config);
+        return quill::Frontend::create_or_get_logger(loggerName, std::move(sink), pattern());
+    }
+    // Waits until the backend has written and flushed every event, then
+    // removes the logger, which closes the file.
+    static void closeFile(quill::Logger* logger) {
+        logger->flush_log();
+        quill::Frontend::remove_logger_blocking(logger);
+    }
+
+    double disabled(long n) override {
+        start();
+        auto sink = quill::Frontend::create_or_get_sink<quill::NullSink>("bench.compare.null");
+        quill::Logger* logger = quill::Frontend::create_or_get_logger(kDisabledName, std::move(sink), pattern());
+        logger->set_log_level(quill::LogLevel::Warning);
+        const Clock::time_point start = Clock::now();
+        for (long i = 0; i < n; ++i) {
+            compilerBarrier();
+            QUILL_LOG_DEBUG(logger, "iteration {} value {}", static_cast<int>(i), "short");
+        }
+        return nsSince(start) / static_cast<double>(n);
+    }
+
+    AsyncFigures fileAsync(const std::string& path, int threads, long n, Payload p) override {
+        quill::Logger* l = openFile(path, p == Payload::Deep ? kDeepName : kLoggerName);
+        const Timing timing = withPayload(p, [&](auto tag) {
+            constexpr Payload P = decltype(tag)::value;
+            return runThreads(threads, n, [l](int id) { emit<P>(l, id); }, [l] { closeFile(l); });
+        });
+        return asyncFigures(timing);
+    }
+
+    void latency(const std::string& path, std::vector<uint32_t>& ticks) override {
+        quill::Logger* l = openFile(path, kLoggerName);
+        timeBursts(
+            counts.bursts, ticks, [l](int id) { emit<Payload::Short>(l, id); }, [l](int) { l->flush_log(); });
+        closeFile(l);
+    }
+
+    std::string sample(const std::string& scratch) override {
+        quill::Logger* l = openFile(scratch, kLoggerName);
+        QUILL_LOG_INFO(l, "iteration {} value {}", 42, "short");
+        closeFile(l);
+        std::ifstream in(scratch);
+        std::string line;
+        std::getline(in, line);
+        ::unlink(scratch.c_str());
+        return line;
+    }
+
+private:
+    bool started_ = false;
+};
+
+#endif  // ZVLOG_BENCH_HAVE_QUILL
 
 // --- log4cxx -------------------------------------------------------------------
 
@@ -652,14 +1176,27 @@ public:
     Log4cxx() {
         logger_ = log4cxx::Logger::getLogger(kLoggerName);
         off_ = log4cxx::Logger::getLogger(kDisabledName);
+        deep_ = log4cxx::Logger::getLogger(kDeepName);
         for (const log4cxx::LoggerPtr& l : {logger_, off_}) {
             l->setAdditivity(false);
             l->removeAllAppenders();
         }
         logger_->setLevel(log4cxx::Level::getInfo());
         off_->setLevel(log4cxx::Level::getWarn());
+        log4cxx::Logger::getRootLogger()->setLevel(log4cxx::Level::getInfo());
     }
     const char* name() const override { return "log4cxx"; }
+
+    template <Payload P>
+    static void emit(const log4cxx::LoggerPtr& logger, int id) {
+        if constexpr (P == Payload::Kib)
+            LOG4CXX_INFO(logger, "iteration " << id << " value " << gKib);
+        else if constexpr (P == Payload::Args8)
+            LOG4CXX_INFO(logger, "iteration " << id << " value " << "short" << " a " << 12345 << " b " << 678901234567L
+                                              << " c " << "alpha" << " d " << 42u << " e " << -7 << " f " << "omega");
+        else
+            LOG4CXX_INFO(logger, "iteration " << id << " value " << "short");
+    }
 
     double disabled(long n) override {
         const log4cxx::LoggerPtr& logger = off_;
@@ -677,17 +1214,16 @@ public:
         auto sink = std::make_shared<Log4cxxDiscardAppender>(layout());
         logger_->addAppender(sink);
         const log4cxx::LoggerPtr& logger = logger_;
-        for (long i = 0; i < counts.warm; ++i)
-            LOG4CXX_INFO(logger, "iteration " << static_cast<int>(i) << " value " << "short");
+        for (long i = 0; i < counts.warm; ++i) emit<Payload::Short>(logger, static_cast<int>(i));
         const Clock::time_point start = Clock::now();
-        for (long i = 0; i < n; ++i) LOG4CXX_INFO(logger, "iteration " << static_cast<int>(i) << " value " << "short");
+        for (long i = 0; i < n; ++i) emit<Payload::Short>(logger, static_cast<int>(i));
         const double ns = nsSince(start) / static_cast<double>(n);
         logger_->removeAppender(sink);
         if (sink->count() != counts.warm + n) fail(name(), "the discarding appender missed events");
         return ns;
     }
 
-    std::shared_ptr<log4cxx::FileAppender> openFile(const std::string& path) {
+    static std::shared_ptr<log4cxx::FileAppender> openFile(const std::string& path) {
         auto file = std::make_shared<log4cxx::FileAppender>();
         file->setLayout(layout());
         file->setFile(path);
@@ -699,40 +1235,41 @@ public:
         return file;
     }
 
-    Timing fileSync(const std::string& path, int threads, long n) override {
+    // The appender goes to the root for Deep (the deep logger inherits INFO).
+    log4cxx::LoggerPtr holder(Payload p) const {
+        return p == Payload::Deep ? log4cxx::Logger::getRootLogger() : logger_;
+    }
+
+    Timing fileSync(const std::string& path, int threads, long n, Payload p) override {
         auto file = openFile(path);
-        logger_->addAppender(file);
-        log4cxx::LoggerPtr logger = logger_;
-        const Timing timing = runThreads(
-            threads, n, [&logger](int id) { LOG4CXX_INFO(logger, "iteration " << id << " value " << "short"); },
-            [&] { file->close(); });
-        logger_->removeAppender(file);
+        holder(p)->addAppender(file);
+        const log4cxx::LoggerPtr logger = p == Payload::Deep ? deep_ : logger_;
+        const Timing timing = withPayload(p, [&](auto tag) {
+            constexpr Payload P = decltype(tag)::value;
+            return runThreads(threads, n, [&logger](int id) { emit<P>(logger, id); }, [&] { file->close(); });
+        });
+        holder(p)->removeAppender(file);
         return timing;
     }
 
-    AsyncFigures fileAsync(const std::string& path, long n) override {
+    AsyncFigures fileAsync(const std::string& path, int threads, long n, Payload p) override {
         auto file = openFile(path);
         auto async = std::make_shared<log4cxx::AsyncAppender>();  // 128 events, blocking when full
         async->addAppender(file);
-        logger_->addAppender(async);
-        const log4cxx::LoggerPtr& logger = logger_;
-        for (long i = 0; i < counts.warm; ++i)
-            LOG4CXX_INFO(logger, "iteration " << static_cast<int>(i) << " value " << "short");
-        AsyncFigures f;
-        const double cpuStart = threadCpuNs();
-        const Clock::time_point start = Clock::now();
-        for (long i = 0; i < n; ++i)
-            LOG4CXX_INFO(logger, "iteration " << static_cast<int>(counts.warm + i) << " value " << "short");
-        f.producer = nsSince(start) / static_cast<double>(n);
-        f.producerCpu = (threadCpuNs() - cpuStart) / static_cast<double>(n);
-        async->close();  // drains the queue and closes the file appender
-        file->close();
-        f.total = nsSince(start) / static_cast<double>(n);
-        logger_->removeAppender(async);
-        return f;
+        holder(p)->addAppender(async);
+        const log4cxx::LoggerPtr logger = p == Payload::Deep ? deep_ : logger_;
+        const Timing timing = withPayload(p, [&](auto tag) {
+            constexpr Payload P = decltype(tag)::value;
+            return runThreads(threads, n, [&logger](int id) { emit<P>(logger, id); }, [&] {
+                async->close();  // drains the queue and closes the file appender
+                file->close();
+            });
+        });
+        holder(p)->removeAppender(async);
+        return asyncFigures(timing);
     }
 
-    std::string sample() override {
+    std::string sample(const std::string&) override {
         auto sink = std::make_shared<Log4cxxDiscardAppender>(layout());
         logger_->addAppender(sink);
         LOG4CXX_INFO(logger_, "iteration " << 42 << " value " << "short");
@@ -743,6 +1280,7 @@ public:
 private:
     log4cxx::LoggerPtr logger_;
     log4cxx::LoggerPtr off_;
+    log4cxx::LoggerPtr deep_;
 };
 
 #endif  // ZVLOG_BENCH_HAVE_LOG4CXX
@@ -775,15 +1313,31 @@ private:
 
 class Log4cplus : public Contender {
 public:
-    Log4cplus() : logger_(log4cplus::Logger::getInstance(kLoggerName)), off_(log4cplus::Logger::getInstance(kDisabledName)) {
+    Log4cplus()
+        : logger_(log4cplus::Logger::getInstance(kLoggerName)),
+          off_(log4cplus::Logger::getInstance(kDisabledName)),
+          deep_(log4cplus::Logger::getInstance(kDeepName)) {
         for (log4cplus::Logger* l : {&logger_, &off_}) {
             l->setAdditivity(false);
             l->removeAllAppenders();
         }
         logger_.setLogLevel(log4cplus::INFO_LOG_LEVEL);
         off_.setLogLevel(log4cplus::WARN_LOG_LEVEL);
+        log4cplus::Logger::getRoot().setLogLevel(log4cplus::INFO_LOG_LEVEL);
     }
     const char* name() const override { return "log4cplus"; }
+
+    template <Payload P>
+    static void emit(const log4cplus::Logger& logger, int id) {
+        if constexpr (P == Payload::Kib)
+            LOG4CPLUS_INFO(logger, "iteration " << id << " value " << gKib);
+        else if constexpr (P == Payload::Args8)
+            LOG4CPLUS_INFO(logger, "iteration " << id << " value " << "short" << " a " << 12345 << " b "
+                                                << 678901234567L << " c " << "alpha" << " d " << 42u << " e " << -7
+                                                << " f " << "omega");
+        else
+            LOG4CPLUS_INFO(logger, "iteration " << id << " value " << "short");
+    }
 
     double disabled(long n) override {
         const log4cplus::Logger& logger = off_;
@@ -800,10 +1354,9 @@ public:
         log4cplus::SharedAppenderPtr sink(raw);
         logger_.addAppender(sink);
         const log4cplus::Logger& logger = logger_;
-        for (long i = 0; i < counts.warm; ++i)
-            LOG4CPLUS_INFO(logger, "iteration " << static_cast<int>(i) << " value " << "short");
+        for (long i = 0; i < counts.warm; ++i) emit<Payload::Short>(logger, static_cast<int>(i));
         const Clock::time_point start = Clock::now();
-        for (long i = 0; i < n; ++i) LOG4CPLUS_INFO(logger, "iteration " << static_cast<int>(i) << " value " << "short");
+        for (long i = 0; i < n; ++i) emit<Payload::Short>(logger, static_cast<int>(i));
         const double ns = nsSince(start) / static_cast<double>(n);
         logger_.removeAppender(sink);
         if (raw->count() != counts.warm + n) fail(name(), "the discarding appender missed events");
@@ -816,39 +1369,38 @@ public:
         return file;
     }
 
-    Timing fileSync(const std::string& path, int threads, long n) override {
+    // The appender goes to the root for Deep (the deep logger inherits INFO).
+    log4cplus::Logger holder(Payload p) const { return p == Payload::Deep ? log4cplus::Logger::getRoot() : logger_; }
+
+    Timing fileSync(const std::string& path, int threads, long n, Payload p) override {
         log4cplus::SharedAppenderPtr file = openFile(path);
-        logger_.addAppender(file);
-        const log4cplus::Logger& logger = logger_;
-        const Timing timing = runThreads(
-            threads, n, [&logger](int id) { LOG4CPLUS_INFO(logger, "iteration " << id << " value " << "short"); },
-            [&] { file->close(); });
-        logger_.removeAppender(file);
+        holder(p).addAppender(file);
+        const log4cplus::Logger& logger = p == Payload::Deep ? deep_ : logger_;
+        const Timing timing = withPayload(p, [&](auto tag) {
+            constexpr Payload P = decltype(tag)::value;
+            return runThreads(threads, n, [&logger](int id) { emit<P>(logger, id); }, [&] { file->close(); });
+        });
+        holder(p).removeAppender(file);
         return timing;
     }
 
-    AsyncFigures fileAsync(const std::string& path, long n) override {
+    AsyncFigures fileAsync(const std::string& path, int threads, long n, Payload p) override {
         log4cplus::SharedAppenderPtr file = openFile(path);
         log4cplus::SharedAppenderPtr async(new log4cplus::AsyncAppender(file, 100));  // the default QueueLimit
-        logger_.addAppender(async);
-        const log4cplus::Logger& logger = logger_;
-        for (long i = 0; i < counts.warm; ++i)
-            LOG4CPLUS_INFO(logger, "iteration " << static_cast<int>(i) << " value " << "short");
-        AsyncFigures f;
-        const double cpuStart = threadCpuNs();
-        const Clock::time_point start = Clock::now();
-        for (long i = 0; i < n; ++i)
-            LOG4CPLUS_INFO(logger, "iteration " << static_cast<int>(counts.warm + i) << " value " << "short");
-        f.producer = nsSince(start) / static_cast<double>(n);
-        f.producerCpu = (threadCpuNs() - cpuStart) / static_cast<double>(n);
-        async->close();  // drains the queue and joins its thread
-        file->close();
-        f.total = nsSince(start) / static_cast<double>(n);
-        logger_.removeAppender(async);
-        return f;
+        holder(p).addAppender(async);
+        const log4cplus::Logger& logger = p == Payload::Deep ? deep_ : logger_;
+        const Timing timing = withPayload(p, [&](auto tag) {
+            constexpr Payload P = decltype(tag)::value;
+            return runThreads(threads, n, [&logger](int id) { emit<P>(logger, id); }, [&] {
+                async->close();  // drains the queue and joins its thread
+                file->close();
+            });
+        });
+        holder(p).removeAppender(async);
+        return asyncFigures(timing);
     }
 
-    std::string sample() override {
+    std::string sample(const std::string&) override {
         auto* raw = new Log4cplusDiscardAppender;
         raw->keepText = true;
         log4cplus::SharedAppenderPtr sink(raw);
@@ -861,29 +1413,12 @@ public:
 private:
     log4cplus::Logger logger_;
     log4cplus::Logger off_;
+    log4cplus::Logger deep_;
 };
 
 #endif  // ZVLOG_BENCH_HAVE_LOG4CPLUS
 
 // --- the run -------------------------------------------------------------------
-
-enum Case {
-    kDisabled,
-    kFormat,
-    kFile1,
-    kFile1Cpu,
-    kFile2,
-    kFile2Cpu,
-    kAsyncProducer,
-    kAsyncProducerCpu,
-    kAsyncTotal,
-    kCaseCount
-};
-const char* const kCaseNames[kCaseCount] = {
-    "disabled call",        "format, discard",      "sync file, 1 thread",  "  thread CPU",      "sync file, 2 threads",
-    "  threads' CPU",       "async file, producer", "  producer thread CPU", "async file, total"};
-// zvlog / spdlog targets (0: none).
-const double kTargets[kCaseCount] = {0, 0, 0.7, 0, 0.7, 0, 0.2, 0, 0};
 
 double median(std::vector<double> v) {
     if (v.empty()) return -1;
@@ -897,7 +1432,7 @@ struct Options {
     double scale = 1;
     std::string dir = "/tmp";
     std::string libs;   // comma-separated; empty: all
-    std::string cases;  // comma-separated of disabled,format,file1,file2,async,mp; empty: all
+    std::string cases;  // comma-separated case names; empty: all
 
     static bool listed(const std::string& list, const char* name) {
         if (list.empty()) return true;
@@ -906,6 +1441,9 @@ struct Options {
     bool lib(const char* name) const { return listed(libs, name); }
     bool runs(const char* name) const { return listed(cases, name); }
 };
+
+constexpr const char* kCaseList = "disabled,format,file1,file2,async,mp,latency,threads,payload";
+constexpr const char* kLibList = "zvlog,spdlog,quill,log4cxx,log4cplus";
 
 bool parseOptions(int argc, char** argv, Options& o) {
     for (int i = 1; i < argc; ++i) {
@@ -921,6 +1459,9 @@ bool parseOptions(int argc, char** argv, Options& o) {
             o.libs = a.substr(7);
         } else if (a.rfind("--cases=", 0) == 0) {
             o.cases = a.substr(8);
+            std::string rest = o.cases + ",";
+            for (size_t at; (at = rest.find(',')) != std::string::npos; rest.erase(0, at + 1))
+                if (at > 0 && !Options::listed(kCaseList, rest.substr(0, at).c_str())) return false;
         } else {
             return false;
         }
@@ -951,11 +1492,206 @@ private:
 };
 
 // Checks the file a case wrote, then deletes it.
-void verifyAndRemove(const char* who, const std::string& path, long expected) {
+void verifyAndRemove(const Contender& c, const std::string& path, long expected, Payload p = Payload::Short) {
     std::string why;
-    const bool ok = checkFile(path, expected, why);
+    const bool ok = checkFile(path, expected, c.level(), shapeOf(p), why);
     ::unlink(path.c_str());
-    if (!ok) fail(who, path + ": " + why);
+    if (!ok) fail(c.name(), path + ": " + why);
+}
+
+// Figures by row key, then contender, one per repetition.
+class Results {
+public:
+    explicit Results(size_t libs) : libs_(libs) {}
+    void add(const std::string& key, size_t lib, double value) {
+        if (value < 0) return;
+        auto& row = rows_[key];
+        if (row.empty()) row.resize(libs_);
+        row[lib].push_back(value);
+    }
+    // The median of a row for one contender, -1 when there is none.
+    double median(const std::string& key, size_t lib) const {
+        auto it = rows_.find(key);
+        if (it == rows_.end() || lib >= it->second.size()) return -1;
+        return ::median(it->second[lib]);
+    }
+
+private:
+    size_t libs_;
+    std::map<std::string, std::vector<std::vector<double>>> rows_;
+};
+
+struct Row {
+    std::string key;
+    std::string label;
+    const char* targetPeer = nullptr;  // the peer zvlog's target is set against
+    double target = 0;                 // zvlog / that peer at most
+};
+
+// One group's table: the medians, the best peer, zvlog over it and the target.
+void printTable(const char* title, const std::vector<Row>& rows, const Results& results,
+                const std::vector<std::unique_ptr<Contender>>& contenders) {
+    bool any = false;
+    for (const Row& r : rows)
+        for (size_t k = 0; k < contenders.size(); ++k) any = any || results.median(r.key, k) >= 0;
+    if (!any) return;
+    std::printf("%s\n  %-30s", title, "case");
+    for (const auto& c : contenders) std::printf(" %9s", c->name());
+    std::printf(" %10s %8s  %s\n", "best peer", "zv/best", "target");
+    for (const Row& r : rows) {
+        bool has = false;
+        for (size_t k = 0; k < contenders.size(); ++k) has = has || results.median(r.key, k) >= 0;
+        if (!has) continue;
+        std::printf("  %-30s", r.label.c_str());
+        double best = -1;
+        size_t bestLib = 0;
+        for (size_t k = 0; k < contenders.size(); ++k) {
+            const double m = results.median(r.key, k);
+            if (m < 0) std::printf(" %9s", "-");
+            else std::printf(m < 10 ? " %9.2f" : " %9.1f", m);
+            if (k > 0 && m > 0 && (best < 0 || m < best)) {
+                best = m;
+                bestLib = k;
+            }
+        }
+        const double zv = results.median(r.key, 0);
+        if (best > 0 && zv >= 0) std::printf(" %10s %8.3f", contenders[bestLib]->name(), zv / best);
+        else std::printf(" %10s %8s", "-", "-");
+        if (r.targetPeer) {
+            double peer = -1;
+            for (size_t k = 1; k < contenders.size(); ++k)
+                if (std::strcmp(contenders[k]->name(), r.targetPeer) == 0) peer = results.median(r.key, k);
+            if (peer > 0 && zv >= 0) {
+                const double ratio = zv / peer;
+                std::printf("  <=%.1fx %s: %.3f %s", r.target, r.targetPeer, ratio, ratio <= r.target ? "met" : "MISSED");
+            } else {
+                std::printf("  <=%.1fx %s", r.target, r.targetPeer);
+            }
+        }
+        std::printf("\n");
+    }
+    std::printf("  (ns per event, median of the repetitions; zv/best = zvlog / the fastest peer, below 1 is faster)\n\n");
+}
+
+// The time-stamp counter's ticks per nanosecond, against the steady clock.
+double tscPerNs() {
+    const Clock::time_point c0 = Clock::now();
+    const uint64_t t0 = tscBegin();
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    const Clock::time_point c1 = Clock::now();
+    const uint64_t t1 = tscBegin();
+    return static_cast<double>(t1 - t0) / std::chrono::duration<double, std::nano>(c1 - c0).count();
+}
+
+// The median ticks of an empty timed pair, measured as timeBursts times a call.
+uint64_t timerOverheadTicks() {
+    std::vector<uint64_t> v;
+    v.reserve(100'000);
+    for (int i = 0; i < 100'000; ++i) {
+        const uint64_t t0 = tscBegin();
+        compilerBarrier();
+        v.push_back(tscEnd() - t0);
+    }
+    std::nth_element(v.begin(), v.begin() + static_cast<long>(v.size() / 2), v.end());
+    return v[v.size() / 2];
+}
+
+// While alive, every thread of the process, and every thread they start,
+// runs on one CPU (the first the process may use): a producer then shares
+// its processor with the library's consumer thread, as it does whenever the
+// other cores are busy. The destructor gives every thread the process's
+// former set back.
+class OneCpu {
+public:
+    OneCpu() {
+        CPU_ZERO(&saved_);
+        if (sched_getaffinity(0, sizeof saved_, &saved_) != 0) return;
+        cpu_set_t one;
+        CPU_ZERO(&one);
+        for (int c = 0; c < CPU_SETSIZE; ++c)
+            if (CPU_ISSET(c, &saved_)) {
+                CPU_SET(c, &one);
+                break;
+            }
+        pinned_ = setAll(one);
+    }
+    ~OneCpu() {
+        if (pinned_) setAll(saved_);
+    }
+    bool pinned() const { return pinned_; }
+
+private:
+    static bool setAll(const cpu_set_t& set) {
+        DIR* tasks = ::opendir("/proc/self/task");
+        if (!tasks) return false;
+        bool ok = true;
+        while (const dirent* e = ::readdir(tasks)) {
+            if (e->d_name[0] == '.') continue;
+            const pid_t tid = static_cast<pid_t>(std::atol(e->d_name));
+            if (sched_setaffinity(tid, sizeof set, &set) != 0 && errno != ESRCH) ok = false;
+        }
+        ::closedir(tasks);
+        return ok;
+    }
+    cpu_set_t saved_;
+    bool pinned_ = false;
+};
+
+struct Percentiles {
+    double p50 = -1, p99 = -1, p999 = -1, max = -1, mean = -1;
+    size_t samples = 0;
+};
+
+Percentiles percentiles(std::vector<uint32_t> ticks, uint64_t overhead, double perNs) {
+    Percentiles p;
+    if (ticks.empty()) return p;
+    std::sort(ticks.begin(), ticks.end());
+    auto ns = [&](uint64_t t) { return static_cast<double>(t > overhead ? t - overhead : 0) / perNs; };
+    auto at = [&](double q) {
+        return ns(ticks[std::min(ticks.size() - 1, static_cast<size_t>(q * static_cast<double>(ticks.size())))]);
+    };
+    p.p50 = at(0.5);
+    p.p99 = at(0.99);
+    p.p999 = at(0.999);
+    p.max = ns(ticks.back());
+    double sum = 0;
+    for (uint32_t t : ticks) sum += ns(t);
+    p.mean = sum / static_cast<double>(ticks.size());
+    p.samples = ticks.size();
+    return p;
+}
+
+// One latency table: the percentiles of each library's calls, and zvlog's
+// over the best peer's, column by column.
+void printLatency(const char* title, const std::vector<std::vector<uint32_t>>& ticks,
+                  const std::vector<std::unique_ptr<Contender>>& contenders, uint64_t overhead, double perNs) {
+    bool any = false;
+    for (const auto& t : ticks) any = any || !t.empty();
+    if (!any) return;
+    std::printf("%s\n  (ns; bursts of %d calls, each then drained; timer overhead %.1f ns subtracted)\n", title, kBurst,
+                static_cast<double>(overhead) / perNs);
+    std::printf("  %-30s %9s %9s %9s %9s %9s %9s\n", "library", "p50", "p99", "p99.9", "max", "mean", "samples");
+    std::vector<Percentiles> per(contenders.size());
+    for (size_t k = 0; k < contenders.size(); ++k) {
+        if (ticks[k].empty()) continue;
+        per[k] = percentiles(ticks[k], overhead, perNs);
+        const Percentiles& p = per[k];
+        std::printf("  %-30s %9.1f %9.1f %9.1f %9.0f %9.1f %9zu\n", contenders[k]->name(), p.p50, p.p99, p.p999, p.max,
+                    p.mean, p.samples);
+    }
+    if (per[0].samples) {
+        std::printf("  %-30s", "zvlog / best peer");
+        for (double Percentiles::*f :
+             {&Percentiles::p50, &Percentiles::p99, &Percentiles::p999, &Percentiles::max, &Percentiles::mean}) {
+            double best = -1;
+            for (size_t k = 1; k < per.size(); ++k)
+                if (per[k].samples && per[k].*f > 0 && (best < 0 || per[k].*f < best)) best = per[k].*f;
+            if (best > 0) std::printf(" %9.3f", per[0].*f / best);
+            else std::printf(" %9s", "-");
+        }
+        std::printf("\n");
+    }
+    std::printf("\n");
 }
 
 }  // namespace
@@ -968,17 +1704,21 @@ int main(int argc, char** argv) {
     }
     Options opt;
     if (!parseOptions(argc, argv, opt)) {
-        std::fprintf(stderr,
-                     "usage: %s [--reps=N] [--scale=F] [--dir=DIR] [--libs=zvlog,spdlog,log4cxx,log4cplus]\n"
-                     "          [--cases=disabled,format,file1,file2,async,mp]\n",
-                     argv[0]);
+        std::fprintf(stderr, "usage: %s [--reps=N] [--scale=F] [--dir=DIR] [--libs=%s]\n          [--cases=%s]\n",
+                     argv[0], kLibList, kCaseList);
         return 2;
     }
     auto scaled = [&](long n) { return std::max(1L, static_cast<long>(static_cast<double>(n) * opt.scale)); };
-    counts.disabled = scaled(counts.disabled);
-    counts.format = scaled(counts.format);
-    counts.file = scaled(counts.file);
-    counts.async = scaled(counts.async);
+    for (long* n : {&counts.disabled, &counts.format, &counts.file, &counts.async, &counts.kib, &counts.args8,
+                    &counts.deep, &counts.bursts})
+        *n = scaled(*n);
+    // Four threads split the events evenly.
+    counts.file -= counts.file % 4;
+    counts.async -= counts.async % 4;
+
+    gKibText.reserve(1024);
+    for (int i = 0; gKibText.size() < 1024; ++i) gKibText.push_back("abcdefghijklmnopqrstuvwxyz0123456789"[i % 36]);
+    gKib = gKibText.c_str();
 
 #ifdef ZVLOG_BENCH_HAVE_LOG4CPLUS
     log4cplus::Initializer log4cplusInit;
@@ -989,6 +1729,9 @@ int main(int argc, char** argv) {
 #ifdef ZVLOG_BENCH_HAVE_SPDLOG
     contenders.push_back(std::make_unique<Spdlog>());
 #endif
+#ifdef ZVLOG_BENCH_HAVE_QUILL
+    if (opt.lib("quill")) contenders.push_back(std::make_unique<Quill>());
+#endif
 #ifdef ZVLOG_BENCH_HAVE_LOG4CXX
     contenders.push_back(std::make_unique<Log4cxx>());
 #endif
@@ -996,132 +1739,217 @@ int main(int argc, char** argv) {
     contenders.push_back(std::make_unique<Log4cplus>());
 #endif
 
-    std::printf("The record of every library:\n");
-    for (auto& c : contenders) {
-        std::string s = c->sample();
+    // Destroyed before the contenders: the workers' thread-local state goes
+    // while every library is still there.
+    Workers workers;
+    gWorkers = &workers;
+
+    std::string self(4096, '\0');
+    const ssize_t selfLength = ::readlink("/proc/self/exe", self.data(), self.size() - 1);
+    self.resize(selfLength > 0 ? static_cast<size_t>(selfLength) : 0);
+
+    TempDir tmp(opt.dir);
+    auto printSample = [&](Contender& c) {
+        std::string s = c.sample(tmp.file(std::string(c.name()) + "-sample.log"));
         while (!s.empty() && (s.back() == '\n' || s.back() == '\r')) s.pop_back();
-        std::printf("  %-10s %s\n", c->name(), s.c_str());
+        std::printf("  %-10s %s\n", c.name(), s.c_str());
+        std::fflush(stdout);
+    };
+    std::printf("The record of every library:\n");
+    try {
+        for (auto& c : contenders)
+            if (opt.lib(c->name()) && !c->keepsThread()) printSample(*c);
+    } catch (const std::exception& e) {
+        std::fprintf(stderr, "bench_compare: %s\n", e.what());
+        return 1;
     }
-    std::printf("events: disabled %ld, format %ld, file %ld (2 threads: %ld each), async %ld; %d repetitions\n\n",
-                counts.disabled, counts.format, counts.file, counts.file / 2, counts.async, opt.reps);
+#ifdef ZVLOG_BENCH_SPDLOG_HEADER_ONLY
+    std::printf("spdlog: header-only\n");
+#elif defined(ZVLOG_BENCH_HAVE_SPDLOG)
+    std::printf("spdlog: the compiled library\n");
+#endif
+    std::printf("events: disabled %ld, format %ld, file %ld, async %ld (2 and 4 threads: split evenly),\n"
+                "        1 KiB string %ld, 8 arguments %ld, deep logger %ld, latency %ld x %d; %d repetitions\n",
+                counts.disabled, counts.format, counts.file, counts.async, counts.kib, counts.args8, counts.deep,
+                counts.bursts, kBurst, opt.reps);
     std::fflush(stdout);
 
-    // results[case][contender] = one figure per repetition
-    std::vector<std::vector<std::vector<double>>> results(
-        kCaseCount, std::vector<std::vector<double>>(contenders.size()));
+    Results results(contenders.size());
+    std::vector<std::vector<uint32_t>> latencyTicks(contenders.size()), latencyOneCpu(contenders.size());
     // zvlog alone: the file appender (multi-process safe) and the
     // single-process baseline, measured in adjacent pairs (the order swapped
     // from pair to pair) so that each ratio compares like with like on a busy
     // machine; two processes on one file.
     constexpr int kPairsPerRep = 3;
     std::vector<double> zvFile, zvFileCpu, zvBaseline, zvBaselineCpu, pairRatio, pairRatioCpu, zvTwoProcesses;
-    std::string self(4096, '\0');
-    const ssize_t selfLength = ::readlink("/proc/self/exe", self.data(), self.size() - 1);
-    self.resize(selfLength > 0 ? static_cast<size_t>(selfLength) : 0);
 
-    TempDir tmp(opt.dir);
+    const bool threadCases = opt.runs("threads");
+    const bool payloadCases = opt.runs("payload");
+    struct PayloadCase {
+        Payload payload;
+        const char* key;
+    };
+    const PayloadCase payloads[] = {{Payload::Kib, "kib"}, {Payload::Args8, "args8"}, {Payload::Deep, "deep"}};
     try {
-        for (int rep = 0; rep < opt.reps; ++rep) {
-            for (size_t k = 0; k < contenders.size(); ++k) {
-                Contender& c = *contenders[k];
-                if (!opt.lib(c.name())) continue;
-                if (opt.runs("disabled")) results[kDisabled][k].push_back(c.disabled(counts.disabled));
-                if (opt.runs("format")) results[kFormat][k].push_back(c.format(counts.format));
-                if (opt.runs("file1")) {
-                    const std::string path = tmp.file(std::string(c.name()) + "-sync1.log");
-                    const Timing t = c.fileSync(path, 1, counts.file);
-                    results[kFile1][k].push_back(t.wall);
-                    results[kFile1Cpu][k].push_back(t.cpu);
-                    verifyAndRemove(c.name(), path, counts.warm + counts.file);
-                }
-                if (opt.runs("file2")) {
-                    const std::string path = tmp.file(std::string(c.name()) + "-sync2.log");
-                    const Timing t = c.fileSync(path, 2, counts.file / 2);
-                    results[kFile2][k].push_back(t.wall);
-                    results[kFile2Cpu][k].push_back(t.cpu);
-                    verifyAndRemove(c.name(), path, 2 * (counts.warm + counts.file / 2));
-                }
-                if (opt.runs("async")) {
-                    const std::string path = tmp.file(std::string(c.name()) + "-async.log");
-                    const AsyncFigures a = c.fileAsync(path, counts.async);
-                    results[kAsyncProducer][k].push_back(a.producer);
-                    results[kAsyncProducerCpu][k].push_back(a.producerCpu);
-                    results[kAsyncTotal][k].push_back(a.total);
-                    verifyAndRemove(c.name(), path, counts.warm + counts.async);
-                }
-            }
-            if (!opt.runs("mp")) continue;
-            Contender& zv = *contenders[0];
-            for (int pair = 0; pair < kPairsPerRep; ++pair) {
-                Timing file, base;
-                for (int turn = 0; turn < 2; ++turn) {
-                    if ((turn + pair + rep) % 2 == 0) {
-                        const std::string path = tmp.file("zvlog-file.log");
-                        file = zv.fileSync(path, 1, counts.file);
-                        verifyAndRemove("zvlog FileAppender", path, counts.warm + counts.file);
-                    } else {
-                        const std::string path = tmp.file("zvlog-stdio.log");
-                        base = zvlogStdioBaseline(path, counts.file);
-                        verifyAndRemove("zvlog stdio baseline", path, counts.warm + counts.file);
+        // Phase 0: every library but those whose thread outlives their cases
+        // (quill's backend polls every 100 us while idle, about a tenth of a
+        // core here); phase 1: those, with their record printed as they start.
+        for (int phase = 0; phase < 2; ++phase) {
+            bool started = false;
+            for (int rep = 0; rep < opt.reps; ++rep) {
+                const std::string r = "-" + std::to_string(rep);
+                for (size_t k = 0; k < contenders.size(); ++k) {
+                    Contender& c = *contenders[k];
+                    if (!opt.lib(c.name()) || c.keepsThread() != (phase == 1)) continue;
+                    if (phase == 1 && rep == 0) {
+                        if (!started) std::printf("started after the others' cases:\n");
+                        started = true;
+                        printSample(c);
+                    }
+                    const std::string who = c.name();
+                    if (opt.runs("disabled")) results.add("disabled", k, c.disabled(counts.disabled));
+                    if (opt.runs("format")) results.add("format", k, c.format(counts.format));
+                    // The synchronous file from 1, 2 (and 4) threads.
+                    for (int threads : {1, 2, 4}) {
+                        const bool wanted = threads == 1   ? opt.runs("file1") || threadCases
+                                            : threads == 2 ? opt.runs("file2") || threadCases
+                                                           : threadCases;
+                        if (!wanted || !c.hasSync()) continue;
+                        const std::string key = "file" + std::to_string(threads);
+                        const std::string path = tmp.file(who + "-sync" + std::to_string(threads) + r + ".log");
+                        const Timing t = c.fileSync(path, threads, counts.file / threads, Payload::Short);
+                        results.add(key, k, t.wall);
+                        results.add(key + "cpu", k, t.cpu);
+                        verifyAndRemove(c, path, threads * (counts.warm + counts.file / threads));
+                    }
+                    // The asynchronous file from 1 (2 and 4) threads.
+                    for (int threads : {1, 2, 4}) {
+                        const bool wanted = threads == 1 ? opt.runs("async") || threadCases : threadCases;
+                        if (!wanted) continue;
+                        const std::string key = "async" + std::to_string(threads);
+                        const std::string path = tmp.file(who + "-async" + std::to_string(threads) + r + ".log");
+                        const AsyncFigures a = c.fileAsync(path, threads, counts.async / threads, Payload::Short);
+                        results.add(key + "producer", k, a.producer);
+                        results.add(key + "cpu", k, a.producerCpu);
+                        results.add(key + "total", k, a.total);
+                        verifyAndRemove(c, path, threads * (counts.warm + counts.async / threads));
+                    }
+                    if (payloadCases) {
+                        for (const PayloadCase& pc : payloads) {
+                            const long n = eventsOf(pc.payload);
+                            const std::string key = pc.key;
+                            if (c.hasSync()) {
+                                const std::string path = tmp.file(who + "-" + key + "-sync" + r + ".log");
+                                const Timing t = c.fileSync(path, 1, n, pc.payload);
+                                results.add(key + "sync", k, t.wall);
+                                verifyAndRemove(c, path, counts.warm + n, pc.payload);
+                            }
+                            const std::string path = tmp.file(who + "-" + key + "-async" + r + ".log");
+                            const AsyncFigures a = c.fileAsync(path, 1, n, pc.payload);
+                            results.add(key + "producer", k, a.producer);
+                            results.add(key + "total", k, a.total);
+                            verifyAndRemove(c, path, counts.warm + n, pc.payload);
+                        }
+                    }
+                    if (opt.runs("latency") && c.hasLatency()) {
+                        const std::string path = tmp.file(who + "-latency" + r + ".log");
+                        latencyTicks[k].reserve(static_cast<size_t>(opt.reps * counts.bursts * kBurst));
+                        c.latency(path, latencyTicks[k]);
+                        verifyAndRemove(c, path, latencyEvents());
+                        const OneCpu oneCpu;
+                        if (oneCpu.pinned()) {
+                            const std::string pinnedPath = tmp.file(who + "-latency1cpu" + r + ".log");
+                            latencyOneCpu[k].reserve(latencyTicks[k].capacity());
+                            c.latency(pinnedPath, latencyOneCpu[k]);
+                            verifyAndRemove(c, pinnedPath, latencyEvents());
+                        }
                     }
                 }
-                zvFile.push_back(file.wall);
-                zvFileCpu.push_back(file.cpu);
-                zvBaseline.push_back(base.wall);
-                zvBaselineCpu.push_back(base.cpu);
-                pairRatio.push_back(file.wall / base.wall);
-                pairRatioCpu.push_back(file.cpu / base.cpu);
-            }
-            if (!self.empty()) {
-                const std::string path = tmp.file("zvlog-2proc.log");
-                zvTwoProcesses.push_back(zvlogTwoProcesses(self, path, counts.file / 2));
-                verifyAndRemove("zvlog, two processes", path, 2 * (counts.warm + counts.file / 2));
+                if (phase == 1 || !opt.runs("mp") || !opt.lib("zvlog")) continue;
+                Contender& zv = *contenders[0];
+                for (int pair = 0; pair < kPairsPerRep; ++pair) {
+                    Timing file, base;
+                    for (int turn = 0; turn < 2; ++turn) {
+                        if ((turn + pair + rep) % 2 == 0) {
+                            const std::string path = tmp.file("zvlog-file" + r + ".log");
+                            file = zv.fileSync(path, 1, counts.file, Payload::Short);
+                            verifyAndRemove(zv, path, counts.warm + counts.file);
+                        } else {
+                            const std::string path = tmp.file("zvlog-stdio" + r + ".log");
+                            base = zvlogStdioBaseline(path, counts.file);
+                            verifyAndRemove(zv, path, counts.warm + counts.file);
+                        }
+                    }
+                    zvFile.push_back(file.wall);
+                    zvFileCpu.push_back(file.cpu);
+                    zvBaseline.push_back(base.wall);
+                    zvBaselineCpu.push_back(base.cpu);
+                    pairRatio.push_back(file.wall / base.wall);
+                    pairRatioCpu.push_back(file.cpu / base.cpu);
+                }
+                if (!self.empty()) {
+                    const std::string path = tmp.file("zvlog-2proc" + r + ".log");
+                    zvTwoProcesses.push_back(zvlogTwoProcesses(self, path, counts.file / 2));
+                    verifyAndRemove(zv, path, 2 * (counts.warm + counts.file / 2));
+                }
             }
         }
     } catch (const std::exception& e) {
         std::fprintf(stderr, "bench_compare: %s\n", e.what());
         return 1;
     }
+    std::printf("\n");
+#ifdef ZVLOG_BENCH_HAVE_QUILL
+    if (const int grown = gQuillQueueGrowths.load())
+        std::printf("quill grew its frontend queues %d times (its unbounded queue doubling, 128 KiB first)\n\n", grown);
+#endif
 
-    // The table: medians, and zvlog over spdlog.
-    size_t spdlogIndex = contenders.size();
-    for (size_t k = 0; k < contenders.size(); ++k)
-        if (std::strcmp(contenders[k]->name(), "spdlog") == 0) spdlogIndex = k;
-    const char* const columns[] = {"zvlog", "spdlog", "log4cxx", "log4cplus"};
-    auto column = [&](const char* lib) -> int {
-        for (size_t k = 0; k < contenders.size(); ++k)
-            if (std::strcmp(contenders[k]->name(), lib) == 0) return static_cast<int>(k);
-        return -1;
-    };
-    std::printf("ns per event (median of %d)\n", opt.reps);
-    std::printf("  %-22s %10s %10s %10s %10s %9s %8s\n", "case", "zvlog", "spdlog", "log4cxx", "log4cplus", "zv/spd",
-                "target");
-    for (int cs = 0; cs < kCaseCount; ++cs) {
-        std::printf("  %-22s", kCaseNames[cs]);
-        for (const char* lib : columns) {
-            const int k = column(lib);
-            const double m = k < 0 ? -1 : median(results[cs][static_cast<size_t>(k)]);
-            if (m < 0) std::printf(" %10s", "-");
-            else std::printf(" %10.2f", m);
-        }
-        double ratio = -1;
-        if (spdlogIndex < contenders.size()) {
-            const double z = median(results[cs][0]);
-            const double s = median(results[cs][spdlogIndex]);
-            if (z >= 0 && s > 0) ratio = z / s;
-        }
-        if (ratio >= 0) std::printf(" %9.3f", ratio);
-        else std::printf(" %9s", "-");
-        if (kTargets[cs] > 0) {
-            std::printf("   <=%.1f%s", kTargets[cs], ratio < 0 ? "" : ratio <= kTargets[cs] ? "  met" : "  MISSED");
-        }
-        std::printf("\n");
+    printTable("main cases", {{"disabled", "disabled call"},
+                              {"format", "format, discard", "spdlog", 0.5},
+                              {"file1", "sync file, 1 thread", "spdlog", 0.5},
+                              {"file1cpu", "  thread CPU"},
+                              {"file2", "sync file, 2 threads", "spdlog", 0.5},
+                              {"file2cpu", "  threads' CPU"},
+                              {"async1producer", "async file, producer", "quill", 0.8},
+                              {"async1cpu", "  producer thread CPU"},
+                              {"async1total", "async file, total", "quill", 0.5}},
+               results, contenders);
+
+    if (opt.runs("latency")) {
+        const double perNs = tscPerNs();
+        const uint64_t overhead = timerOverheadTicks();
+        printLatency("async producer latency per call", latencyTicks, contenders, overhead, perNs);
+        printLatency("the same with every thread of the process on one CPU (as when the other core is busy)",
+                     latencyOneCpu, contenders, overhead, perNs);
     }
-    std::printf("  (zv/spd = zvlog / spdlog; below 1 is faster)\n");
+
+    printTable("threads: one logger, the events split among 1, 2 and 4 threads (4 oversubscribes 2 cores)",
+               {{"file1", "sync file, 1 thread"},
+                {"file2", "sync file, 2 threads"},
+                {"file4", "sync file, 4 threads"},
+                {"async1producer", "async producer, 1 thread"},
+                {"async2producer", "async producer, 2 threads"},
+                {"async4producer", "async producer, 4 threads"},
+                {"async1total", "async total, 1 thread"},
+                {"async2total", "async total, 2 threads"},
+                {"async4total", "async total, 4 threads"}},
+               results, contenders);
+
+    printTable("payload: one thread; a 1 KiB string, 8 arguments, a logger 5 levels deep (appenders at the root)",
+               {{"kibsync", "1 KiB string, sync file"},
+                {"kibproducer", "1 KiB string, async producer"},
+                {"kibtotal", "1 KiB string, async total"},
+                {"args8sync", "8 arguments, sync file"},
+                {"args8producer", "8 arguments, async producer"},
+                {"args8total", "8 arguments, async total"},
+                {"deepsync", "a.b.c.d.e, sync file"},
+                {"deepproducer", "a.b.c.d.e, async producer"},
+                {"deeptotal", "a.b.c.d.e, async total"}},
+               results, contenders);
 
     if (!zvFile.empty()) {
         const double ratio = median(pairRatio);
-        std::printf("\nzvlog file paths, one thread unless noted (ns per event, median of %zu; wall / thread CPU)\n",
+        std::printf("zvlog file paths, one thread unless noted (ns per event, median of %zu; wall / thread CPU)\n",
                     zvFile.size());
         std::printf("  %-72s %9.2f %9.2f\n",
                     "FileAppender, multi-process safe (O_APPEND, one write() per 4096-byte buffer)", median(zvFile),
@@ -1134,10 +1962,10 @@ int main(int argc, char** argv) {
         if (!zvTwoProcesses.empty())
             std::printf("  %-72s %9.2f\n", "FileAppender, 2 processes appending to one file (events over wall time)",
                         median(zvTwoProcesses));
-        if (!results[kFile2][0].empty())
-            std::printf("  %-72s %9.2f\n", "FileAppender, 2 threads in one process (the table above)",
-                        median(results[kFile2][0]));
+        const double two = results.median("file2", 0);
+        if (two >= 0) std::printf("  %-72s %9.2f\n", "FileAppender, 2 threads in one process (the table above)", two);
+        std::printf("\n");
     }
-    std::printf("\nEvery file was checked line by line (count, shape, each id exactly once), then deleted.\n");
+    std::printf("Every file was checked line by line (count, shape, each id exactly once), then deleted.\n");
     return 0;
 }
