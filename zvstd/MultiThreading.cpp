@@ -1,6 +1,7 @@
 // Thread identifiers, the trace hook, Mutex and Event of the thread layer.
 #include "zvlog/MultiThreading.h"
 
+#include <sched.h>
 #include <linux/futex.h>
 #include <pthread.h>
 #include <sys/syscall.h>
@@ -197,7 +198,12 @@ bool Event::wait(unsigned long timeoutMs, unsigned spinMicros) {
         for (unsigned i = 1;; ++i) {
             cpuRelax();
             if (tryWait()) return true;
-            if ((i & 63) == 0 && Clock::now() >= spinEnd) break;
+            if ((i & 63) == 0) {
+                if (Clock::now() >= spinEnd) break;
+                // A thread that would set the event may be waiting for this
+                // processor: a spin must not keep it off.
+                sched_yield();
+            }
         }
     }
 

@@ -1,5 +1,6 @@
 #include "zvlog/appenders/AsyncQueue.h"
 
+#include <sched.h>
 #include <linux/futex.h>
 #include <sys/mman.h>
 #include <sys/syscall.h>
@@ -69,7 +70,12 @@ bool Appender::AsyncQueue::awaitBatch() {
     // Events are queued; producers add to them without waking anyone.
     const Clock::time_point gathered = lastTake + kGatherTime;
     for (unsigned i = 0; !stop.isSet(); ++i) {
-        if (i % 16 == 0 && Clock::now() >= gathered) break;
+        if (i % 16 == 0) {
+            if (Clock::now() >= gathered) break;
+            // The producers may be waiting for this processor (one core, or
+            // more threads than cores): gathering must not keep them off it.
+            sched_yield();
+        }
         cpuRelax();
     }
     std::lock_guard<QueueLock> hold(lock);
