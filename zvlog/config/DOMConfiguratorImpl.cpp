@@ -682,6 +682,7 @@ struct ConfigurationLock::State {
 };
 
 ConfigurationLock::ConfigurationLock() : state_(new State()) {
+    beginReconfiguration();
     for (Logger* logger : Logger::getRepository()->getCurrentLoggers()) {
         Mutex& m = logger->mutex();
         if (m.heldByCurrentThread()) continue;
@@ -695,6 +696,7 @@ ConfigurationLock::~ConfigurationLock() {
     state_->quiet.reset();
     for (Mutex* m : state_->taken) m->unlock();
     state_->taken.clear();
+    endReconfiguration();
     delete state_;  // the configuration lock, then the deferred raises
 }
 

@@ -31,6 +31,13 @@ private:
     static std::atomic<LoggerRepository*> repository_;
 };
 
+// While a configuration is loaded (every logger's lock taken, appenders
+// detached and attached), a logger without appenders may be about to get
+// some: delivery then waits for the logger's lock instead of passing it by.
+ZVLOG_API void beginReconfiguration();
+ZVLOG_API void endReconfiguration();
+bool reconfiguring();
+
 // Start-up discovery, run again by every configuration reset once a program
 // has called ZVLOG_Enable: the drop-in files are applied anew.
 using ConfigurationDiscovery = void (*)();

@@ -122,12 +122,26 @@ std::vector<Appender*> Logger::getAllAppenders() const {
 // Walks the ancestry: each logger's appenders under that logger's lock
 // alone, until additivity stops the walk or the root is passed. A logger
 // without appenders is passed without taking its lock.
+namespace {
+std::atomic<unsigned int> reconfigurations{0};
+}  // namespace
+
+// Taken before any logger's appenders change, so that a logging thread that
+// reads the count those changes stored (acquire) also sees this.
+void beginReconfiguration() { reconfigurations.fetch_add(1, std::memory_order_seq_cst); }
+void endReconfiguration() { reconfigurations.fetch_sub(1, std::memory_order_release); }
+bool reconfiguring() { return reconfigurations.load(std::memory_order_acquire) != 0; }
+
 void Logger::doAppend(const LoggingEvent* event) {
     const unsigned char level = event->attributes.level;
     bool counted = false;
     Logger* current = this;
     for (;;) {
-        if (current->appenderCount_.load(std::memory_order_acquire) != 0) {
+        // A logger without appenders is passed by, unless a configuration
+        // is being loaded: then the lock is waited for and the appenders the
+        // load leaves are used, so that no event falls between two
+        // configurations.
+        if (current->appenderCount_.load(std::memory_order_acquire) != 0 || ZVLOG_UNLIKELY(reconfiguring())) {
             MutexLock lock(current->mutex_);
             for (Appender* a : current->appenders_) {
                 if (a->isEnabled() && level >= a->getThreshold() &&
