@@ -105,6 +105,21 @@ void BM_zvlog_buffer_only(benchmark::State& state) {
 }
 BENCHMARK(BM_zvlog_buffer_only);
 
+// What a logger's lock costs by itself, uncontended: every event that reaches
+// an appender takes it once per logger on its way (delivery runs under it),
+// so this is a floor under the synchronous and the producer figures.
+void BM_zvlog_logger_lock(benchmark::State& state) {
+    zvbench::zl::Logger* logger = zv->bufferOnly;
+    auto& mutex = logger->mutex();
+    for (auto _ : state) {
+        mutex.lock();
+        benchmark::ClobberMemory();
+        mutex.unlock();
+    }
+    state.SetItemsProcessed(state.iterations());
+}
+BENCHMARK(BM_zvlog_logger_lock);
+
 void BM_zvlog_format(benchmark::State& state) {
     zvbench::zl::Logger* logger = zv->formatting;
     const unsigned long long before = zv->formatAppender.getEventsIssued();
