@@ -7,9 +7,9 @@
 
 namespace zvs::zvlib {
 
-int zvOpenFileForWriting(const std::string& path, int& fd) {
+int zvOpenFileForWriting(const char* path, int& fd) {
     do {
-        fd = open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
+        fd = open(path, O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
     } while (fd < 0 && errno == EINTR);
     return fd < 0 ? errno : 0;
 }

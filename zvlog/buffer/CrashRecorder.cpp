@@ -25,6 +25,7 @@
 #include "zvlog/buffer/SignalSafe.h"
 #include "zvlog/core/Library.h"
 #include "zvlog/core/ThreadRecord.h"
+#include "zvstd/RawFile.h"
 
 namespace zvs::zvlib::zvlog {
 
@@ -98,47 +99,8 @@ size_t copyNumber(char* to, size_t at, size_t capacity, unsigned long long value
     return at;
 }
 
-int writeAll(int fd, const void* data, size_t length) {
-    const auto* p = static_cast<const unsigned char*>(data);
-    while (length > 0) {
-        const ssize_t n = ::write(fd, p, length);
-        if (n < 0) {
-            if (errno == EINTR) continue;
-            return errno;
-        }
-        p += n;
-        length -= static_cast<size_t>(n);
-    }
-    return 0;
-}
-
 void printLine(const char* line) {
-    writeAll(STDERR_FILENO, line, strlen(line));
-}
-
-int openForWriting(const char* path, int& fd) {
-    do {
-        fd = ::open(path, O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
-    } while (fd < 0 && errno == EINTR);
-    return fd < 0 ? errno : 0;
-}
-
-int tryLockFirstByte(int fd) {
-    struct flock lock {};
-    lock.l_type = F_WRLCK;
-    lock.l_whence = SEEK_SET;
-    lock.l_start = 0;
-    lock.l_len = 1;
-    for (;;) {
-        if (fcntl(fd, F_OFD_SETLK, &lock) == 0) return 0;
-        if (errno != EINTR) return errno == EACCES ? EAGAIN : errno;
-    }
-}
-
-int truncateTo0(int fd) {
-    while (ftruncate(fd, 0) != 0)
-        if (errno != EINTR) return errno;
-    return 0;
+    zvWriteAll(STDERR_FILENO, line, strlen(line));
 }
 
 // As the dump on request chooses: the name the instance's processes share,
@@ -146,18 +108,18 @@ int truncateTo0(int fd) {
 // own, its id formatted now (a forked child has its own).
 int openDump(const DumpNames& names, char* path, int& fd) {
     copyText(path, 0, kPathCapacity, names.shared.c_str());
-    int error = openForWriting(path, fd);
+    int error = zvOpenFileForWriting(path, fd);
     if (error == 0) {
-        error = tryLockFirstByte(fd);
-        if (error != EAGAIN) return truncateTo0(fd);
+        error = zvTryLockFileFirstByte(fd);
+        if (error != EAGAIN) return zvTruncateFileTo0(fd);
         ::close(fd);
         fd = -1;
     }
     size_t at = copyText(path, 0, kPathCapacity, names.ownStem.c_str());
     at = copyNumber(path, at, kPathCapacity, static_cast<unsigned long long>(getpid()));
     copyText(path, at, kPathCapacity, ".dmp");
-    error = openForWriting(path, fd);
-    return error == 0 ? truncateTo0(fd) : error;
+    error = zvOpenFileForWriting(path, fd);
+    return error == 0 ? zvTruncateFileTo0(fd) : error;
 }
 
 struct DumpWriter {
@@ -165,7 +127,7 @@ struct DumpWriter {
     int error;
 
     void put(const void* data, size_t length) {
-        if (error == 0) error = writeAll(fd, data, length);
+        if (error == 0) error = zvWriteAll(fd, data, length);
     }
 };
 
