@@ -105,6 +105,16 @@ TEST(MessageRenderer, RegisteredFormatsRenderAsTheyRead) {
         {"first\nsecond %s", [](EventBuilder& b) { b.str("x\ny"); }},
         {"ends cut %-05", [](EventBuilder&) {}},
         {"%p %S", [](EventBuilder& b) { b.pointer(0x1234).wstr(u"wide"); }},
+        // Literal pieces around the sizes copied in one chunk, and past them.
+        {"fifteen bytes..%dsixteen bytes...%ddseventeen bytes..%s", [](EventBuilder& b) { b.i32(1).i32(2).str("3"); }},
+        {"%s forty bytes of literal text after it....", [](EventBuilder& b) { b.str(std::string(40, 's')); }},
+        // Plain conversions of every integer width, signs and extremes, and
+        // the argument's type deciding over the conversion character.
+        {"%d|%i|%u|%d|%u|%d|%u|%s|%d",
+         [](EventBuilder& b) {
+             b.i32(INT32_MIN).i32(-7).i32(-5).u32(UINT32_MAX).i64(INT64_MIN).u64(UINT64_MAX).i16(-3).i32(42).str("text");
+         }},
+        {"%s|%s", [](EventBuilder& b) { b.str("a\nb").u16(65535); }},
     };
     unsigned short line = 1000;
     for (const Case& c : cases) {

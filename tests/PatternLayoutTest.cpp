@@ -249,6 +249,29 @@ TEST_F(PatternLayoutTest, FullLineAndReuse) {
     EXPECT_EQ(out, line + line + "2023-11-14 Tue +0000 22:13:20.250 ERROR zv.apply - " + longText + "\r\n");
 }
 
+// Literal text, logger names and level names are copied in chunks of fixed
+// size; lengths on either side of a chunk must come out exact.
+TEST_F(PatternLayoutTest, PiecesAroundTheChunkSizes) {
+    for (const size_t n : {0u, 1u, 2u, 3u, 15u, 16u, 17u, 31u, 32u, 33u, 70u}) {
+        SCOPED_TRACE(n);
+        const std::string literal(n, '~');
+        const std::string name = "n" + std::string(n, 'x');
+        EventBuilder b("m");
+        b.level(LEVEL_ERROR).logger(loggerIndex(name.c_str()));
+        const std::string pattern = literal + "%c" + literal + "%p" + literal + "%m" + literal;
+        EXPECT_EQ(format(pattern.c_str(), b), literal + name + literal + "ERROR" + literal + "m" + literal);
+    }
+    // One layout, the logger changing between events of different lengths.
+    PatternLayout layout("%c|");
+    std::string out;
+    for (const char* name : {"short", "a.name.of.seventeen", "s", "sixteen.chars.ab"}) {
+        EventBuilder b("m");
+        b.logger(loggerIndex(name));
+        layout.format(b.get(), out);
+    }
+    EXPECT_EQ(out, "short|a.name.of.seventeen|s|sixteen.chars.ab|");
+}
+
 TEST_F(PatternLayoutTest, EventWithoutLocation) {
     EventBuilder b("m");
     LoggingEvent event = b.event();

@@ -15,11 +15,16 @@ struct FormatPlan {
     struct Conversion {
         uint32_t literalEnd;  // the literal text before this conversion ends here
         detail::ConversionSpec spec;
+        // A known conversion without width or precision that prints a text
+        // as it is or an integer in decimal ("%s", "%d", "%u", ...).
+        bool plain;
     };
     const char* format;  // the text it was read from
     // The text printed between conversions: "%%" as "%", a conversion cut
-    // off by the end of the format as it stands.
+    // off by the end of the format as it stands; literalSize bytes followed
+    // by text::Writer::kPad zeros, so that its pieces can be put padded.
     std::string literal;
+    uint32_t literalSize;
     std::vector<Conversion> conversions;
     bool literalLineEnd;  // the literal text holds a line end
 };

@@ -409,16 +409,59 @@ bool putArgument(const LoggingEvent* event, unsigned index, ConversionSpec spec,
     return std::memchr(out.data() + start, '\n', out.size() - start) != nullptr;
 }
 
+// Conversions whose argument prints through putPlainArgument.
+bool isPlain(const ConversionSpec& spec) {
+    if (spec.width != 0 || spec.precision >= 0) return false;
+    switch (spec.conversion) {
+        case 'd': case 'i': case 'u': case 's': case 'S':
+            return true;
+        default:
+            return false;
+    }
+}
+
+// Argument `index` of a plain conversion: a text as it is, an integer in
+// decimal, anything else as putArgument prints it.
+bool putPlainArgument(const LoggingEvent* event, unsigned index, char conversion, text::Writer& w) {
+    const void* value = event->argumentValues[index];
+    if (value) {
+        switch (event->argumentTypes[index]) {
+            case ARG_STRING: {
+                const char* text = static_cast<const char*>(value);
+                const size_t n = std::strlen(text);
+                w.put(text, n);
+                return containsLineEnd(text, n);
+            }
+            case ARG_INT32: {
+                const int32_t v = load<int32_t>(value);
+                if (v < 0) w.put('-');
+                w.putUnsigned(v < 0 ? 0 - static_cast<uint64_t>(static_cast<int64_t>(v)) : static_cast<uint64_t>(v));
+                return false;
+            }
+            case ARG_UINT32:
+                w.putUnsigned(load<uint32_t>(value));
+                return false;
+            default:
+                break;
+        }
+    }
+    ConversionSpec spec;
+    spec.conversion = conversion;
+    return putArgument(event, index, spec, w);
+}
+
 }  // namespace
 
 const FormatPlan* makeFormatPlan(const char* format) {
-    auto* plan = new FormatPlan{format, {}, {}, false};
+    auto* plan = new FormatPlan{format, {}, 0, {}, false};
     scanFormat(
         format, [&](const char* text, size_t n) { plan->literal.append(text, n); },
         [&](const ConversionSpec& spec) {
-            plan->conversions.push_back({static_cast<uint32_t>(plan->literal.size()), spec});
+            plan->conversions.push_back({static_cast<uint32_t>(plan->literal.size()), spec, isPlain(spec)});
         });
     plan->literalLineEnd = plan->literal.find('\n') != std::string::npos;
+    plan->literalSize = static_cast<uint32_t>(plan->literal.size());
+    plan->literal.append(text::Writer::kPad, '\0');
     return plan;
 }
 
@@ -447,11 +490,15 @@ bool renderMessage(const LoggingEvent* event, text::Writer& w) {
         const char* literal = plan->literal.data();
         uint32_t at = 0;
         for (const FormatPlan::Conversion& c : plan->conversions) {
-            w.put(literal + at, c.literalEnd - at);
+            w.putPadded(literal + at, c.literalEnd - at);
             at = c.literalEnd;
-            if (argument(c.spec)) lineEnd = true;
+            if (c.plain && next < count) {
+                if (putPlainArgument(event, next++, c.spec.conversion, w)) lineEnd = true;
+            } else if (argument(c.spec)) {
+                lineEnd = true;
+            }
         }
-        w.put(literal + at, plan->literal.size() - at);
+        w.putPadded(literal + at, plan->literalSize - at);
         return lineEnd;
     }
 

@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 
 #include "zvlog/layout/TextAppend.h"
 
@@ -29,11 +30,19 @@ struct DateSecond {
     bool fill(uint32_t second, const char* format, size_t formatLength);
     // head, ".mmm" when the format shows seconds, tail.
     void put(text::Writer& w, unsigned milliseconds) const {
-        char* p = w.room(static_cast<size_t>(headLen) + 4 + tailLen);
-        text::Writer::copy(p, head, headLen);
+        // head and tail are arrays of kTextMax: a short one is copied as
+        // one chunk of 32 or 16 bytes whatever its length.
+        char* p = w.room(static_cast<size_t>(headLen) + 4 + tailLen + 32);
+        if (headLen <= 32)
+            std::memcpy(p, head, 32);
+        else
+            std::memcpy(p, head, headLen);
         p += headLen;
         if (hasSeconds) p = writeMilliseconds(p, milliseconds);
-        text::Writer::copy(p, tail, tailLen);
+        if (tailLen <= 16)
+            std::memcpy(p, tail, 16);
+        else
+            std::memcpy(p, tail, tailLen);
         w.advance(p + tailLen);
     }
 

@@ -56,12 +56,14 @@ struct PatternLayout::Caches {
     struct Name {
         bool valid = false;
         unsigned short index = 0;
-        std::string_view text;
+        std::string text;  // the shortened name, then text::Writer::kPad zeros
+        size_t length = 0;
     };
     std::vector<DateSecond> dates;
     std::vector<Name> names;
     const char* levelName = nullptr;
     size_t levelNameLength = 0;
+    char levelText[2 * text::Writer::kPad] = {};  // the level's name, zero-padded, when it fits
 
     // The pattern as formatting walks it: the literal text before the first
     // conversion, then each conversion with the literal text that follows it
@@ -102,8 +104,10 @@ void PatternLayout::Caches::build(const std::vector<Element>& elements) {
         }
     }
     if (steps.empty()) prefixLength = literals.size();
+    const size_t literalsEnd = literals.size();
+    literals.append(text::Writer::kPad, '\0');
     for (size_t k = 0; k < steps.size(); ++k) {
-        const size_t end = k + 1 < steps.size() ? afterOffsets[k + 1] : literals.size();
+        const size_t end = k + 1 < steps.size() ? afterOffsets[k + 1] : literalsEnd;
         steps[k].after = literals.data() + afterOffsets[k];
         steps[k].afterLength = end - afterOffsets[k];
     }
@@ -284,7 +288,8 @@ void PatternLayout::parse() {
 [[gnu::always_inline]] inline void PatternLayout::formatElement(size_t index, const LoggingEvent* event,
                                                                   text::Writer& w) {
     const Element& e = elements_[index];
-    const size_t start = w.position();
+    const bool sized = e.minWidth > 0 || e.maxWidth > 0;
+    const size_t start = sized || e.kind == 'm' ? w.position() : 0;
     const EventAttributes& a = event->attributes;
     const LocationRecord* location = a.location;
     switch (e.kind) {
@@ -298,11 +303,15 @@ void PatternLayout::parse() {
             if (!cached.valid || cached.index != a.loggerIndex) {
                 const char* name = Logger::getRepository()->getLoggerName(a.loggerIndex);
                 if (!name) break;
+                const std::string_view shown =
+                    lastComponents(std::string_view(*name ? name : "root"), e.optionNumber, isNameSeparator);
                 cached.valid = true;
                 cached.index = a.loggerIndex;
-                cached.text = lastComponents(std::string_view(*name ? name : "root"), e.optionNumber, isNameSeparator);
+                cached.text.assign(shown.data(), shown.size());
+                cached.text.append(text::Writer::kPad, '\0');
+                cached.length = shown.size();
             }
-            w.put(cached.text);
+            w.putPadded(cached.text.data(), cached.length);
             break;
         }
         case 'C':
@@ -350,12 +359,21 @@ void PatternLayout::parse() {
             }
             return;
         case 'p': {
+            Caches& c = *caches_;
             const char* name = getLevelName(a.level);
-            if (name != caches_->levelName) {
-                caches_->levelName = name;
-                caches_->levelNameLength = std::strlen(name);
+            if (name != c.levelName) {
+                c.levelName = name;
+                c.levelNameLength = std::strlen(name);
+                std::memset(c.levelText, 0, sizeof c.levelText);
+                if (c.levelNameLength <= text::Writer::kPad) std::memcpy(c.levelText, name, c.levelNameLength);
             }
-            w.put(name, caches_->levelNameLength);
+            if (c.levelNameLength <= text::Writer::kPad) {
+                char* p = w.room(text::Writer::kPad);
+                std::memcpy(p, c.levelText, text::Writer::kPad);
+                w.advance(p + c.levelNameLength);
+            } else {
+                w.put(name, c.levelNameLength);
+            }
             break;
         }
         case 'r':
@@ -370,17 +388,17 @@ void PatternLayout::parse() {
         default:
             break;
     }
-    padOrCut(e, w, start);
+    if (sized) padOrCutSlow(e, w.string(), start);
 }
 
 void PatternLayout::format(const LoggingEvent* event, std::string& out) {
     if (!event) return;
     text::Writer w(out, 0);
     const Caches& c = *caches_;
-    w.put(c.literals.data(), c.prefixLength);
+    w.putPadded(c.literals.data(), c.prefixLength);
     for (const Caches::Step& step : c.steps) {
         formatElement(step.element, event, w);
-        w.put(step.after, step.afterLength);
+        w.putPadded(step.after, step.afterLength);
     }
 }
 

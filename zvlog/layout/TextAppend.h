@@ -170,6 +170,21 @@ public:
         p_ = p + n;
     }
     [[gnu::always_inline]] void put(std::string_view s) { put(s.data(), s.size()); }
+
+    // Texts the library keeps for itself (a pattern's literal pieces, cached
+    // names, the pieces of a message format) are stored with kPad readable
+    // bytes beyond their end, so a short one is copied as one fixed-size
+    // chunk whatever its length: no dispatch on the length.
+    static constexpr size_t kPad = 16;
+    [[gnu::always_inline]] void putPadded(const char* s, size_t n) {
+        if (n <= kPad) {
+            char* p = room(kPad);
+            std::memcpy(p, s, kPad);
+            p_ = p + n;
+        } else {
+            put(s, n);
+        }
+    }
     // The digits go straight to their place: written into a buffer and
     // copied, they would be read back before the processor has stored them.
     void putUnsigned(uint64_t v) {
@@ -190,8 +205,10 @@ public:
             overlapping<8>(to, from, n);
         } else if (n >= 4) {
             overlapping<4>(to, from, n);
-        } else {
-            for (size_t i = 0; i < n; ++i) to[i] = from[i];
+        } else if (n >= 2) {
+            overlapping<2>(to, from, n);
+        } else if (n == 1) {
+            *to = *from;
         }
     }
 
