@@ -556,73 +556,54 @@ inline const void* argumentData(const detail::ArgRef& a) {
     }
 }
 
-// Bytes the fast pass writes for an argument (type byte included), or 0 when
-// it must go addArgument's way.
-inline unsigned fastSize(const detail::ArgRef& a) {
-    switch (a.type) {
-    case ARG_INT32:
-    case ARG_UINT32:
-    case ARG_FLOAT:
-        return 5;
-    case ARG_INT64:
-    case ARG_UINT64:
-    case ARG_POINTER:
-    case ARG_TIME:
-        return 9;
-    case ARG_INT16:
-    case ARG_UINT16:
-        return 3;
-    case ARG_STRING:
-        return a.ptr && a.length < kMaxArgumentData ? a.length + 2 : 0;
-    default:
-        return 0;
+// Bytes the fast pass writes for a fixed-size argument (type byte included),
+// by type code; 0 for the types that go addArgument's way.
+struct FixedSizes {
+    unsigned char bytes[256] = {};
+    constexpr FixedSizes() {
+        bytes[ARG_INT16] = bytes[ARG_UINT16] = 3;
+        bytes[ARG_INT32] = bytes[ARG_UINT32] = bytes[ARG_FLOAT] = 5;
+        bytes[ARG_INT64] = bytes[ARG_UINT64] = bytes[ARG_POINTER] = bytes[ARG_TIME] = 9;
     }
-}
+};
+constexpr FixedSizes kFixedSizes;
 
 }  // namespace
 
+// One pass over the arguments. The block's room is checked once for the
+// fixed-size values (at most 9 bytes each) and again for each text; nothing
+// counts as written until the end, so an argument the pass cannot take sends
+// the whole event to the careful path, which starts over at the same place.
 void LogBufferImpl::addArguments(const detail::ArgRef* args, unsigned short count, LoggingEvent& event) {
     State& s = *state_;
     event.argumentCount = count;
-    if (ZVLOG_LIKELY(base_ && count <= s.expected)) {
-        unsigned total = 0;
-        bool fast = true;
-        for (unsigned short i = 0; i < count; ++i) {
-            const unsigned size = fastSize(args[i]);
-            fast = fast && size != 0;
-            total += size;
-        }
-        // The same margin addArgument keeps after each argument.
-        if (ZVLOG_LIKELY(fast && total + 16 < kBlockSize - position_)) {
-            unsigned char* p = base_ + position_;
-            for (unsigned short i = 0; i < count; ++i) {
-                const detail::ArgRef& a = args[i];
-                *p = a.type;
-                event.argumentTypes[i] = a.type;
-                event.argumentValues[i] = p + 1;
-                switch (a.type) {
-                case ARG_STRING:
-                    copyBytes(p + 1, a.ptr, a.length);
-                    p[1 + a.length] = 0;
-                    p += a.length + 2;
-                    break;
-                case ARG_INT16:
-                case ARG_UINT16:
-                    std::memcpy(p + 1, &a.ptr, 2);
-                    p += 3;
-                    break;
-                case ARG_INT32:
-                case ARG_UINT32:
-                case ARG_FLOAT:
-                    std::memcpy(p + 1, &a.ptr, 4);
-                    p += 5;
-                    break;
-                default:
-                    std::memcpy(p + 1, &a.ptr, 8);
-                    p += 9;
-                    break;
-                }
+    // The same margin addArgument keeps after each argument.
+    constexpr unsigned kMargin = 16;
+    if (ZVLOG_LIKELY(base_ && count <= s.expected && count * 9u + kMargin < kBlockSize - position_)) {
+        unsigned char* p = base_ + position_;
+        unsigned room = kBlockSize - position_ - kMargin - count * 9u;  // for texts beyond 9 bytes each
+        unsigned short i = 0;
+        for (; i < count; ++i) {
+            const detail::ArgRef& a = args[i];
+            *p = a.type;
+            event.argumentTypes[i] = a.type;
+            event.argumentValues[i] = p + 1;
+            if (a.type == ARG_STRING) {
+                if (ZVLOG_UNLIKELY(!a.ptr || a.length >= kMaxArgumentData || a.length + 2 > room + 9)) break;
+                room -= a.length + 2 > 9 ? a.length + 2 - 9 : 0;
+                copyBytes(p + 1, a.ptr, a.length);
+                p[1 + a.length] = 0;
+                p += a.length + 2;
+            } else {
+                const unsigned size = kFixedSizes.bytes[a.type];
+                if (ZVLOG_UNLIKELY(size == 0)) break;
+                // Eight bytes whatever the width: the union was zeroed, and
+                // what lies past the value is overwritten by what follows.
+                std::memcpy(p + 1, &a.ptr, 8);
+                p += size;
             }
+        }
+        if (ZVLOG_LIKELY(i == count)) {
             position_ = static_cast<unsigned>(p - base_);
             s.expected -= count;
             return;
