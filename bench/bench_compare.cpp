@@ -29,6 +29,15 @@
 //                    buffering (its WriterAppender on a private stdio stream
 //                    with a 4096-byte buffer, never locked or sought); and two
 //                    processes appending to one file
+//   floors           what the cases' required work costs by itself in the same
+//                    run: for the sync file, the same lines (rendered before
+//                    the clock starts) copied into a 4096-byte buffer with one
+//                    write() per buffer, the bytes and system calls that every
+//                    library's default buffering pays; for zvlog's async
+//                    producer, encoding the event into the thread's buffer (a
+//                    logger without appenders) and its logger's lock taken and
+//                    released uncontended. Printed with what remains of each
+//                    library's figure above them.
 //
 // latency (--cases=latency)
 //   The asynchronous producer call by call: bursts of 100 calls, each timed
@@ -766,6 +775,89 @@ Timing zvlogStdioBaseline(const std::string& path, long n) {
         [&] { file.close(); });
     logger->removeAppender(file);
     return timing;
+}
+
+// --- floors: what the required work costs by itself ------------------------------
+
+// The file's floor: the lines of the sync file case (zvlog's record, the
+// same ids), rendered before the clock starts, copied into a 4096-byte
+// buffer that goes out with one write() whenever the next line would not
+// fit. These are the bytes and the system calls every library pays for that
+// case at its default buffering; what a library costs beyond them is its own.
+Timing writeFloor(const std::string& path, long n) {
+    char stamp[32];
+    const std::time_t now = std::time(nullptr);
+    std::tm local{};
+    localtime_r(&now, &local);
+    std::strftime(stamp, sizeof stamp, "%Y-%m-%d %H:%M:%S", &local);
+    const long lines = counts.warm + n;
+    std::string text;
+    std::vector<uint32_t> starts;
+    starts.reserve(static_cast<size_t>(lines) + 1);
+    for (long id = 0; id < lines; ++id) {
+        starts.push_back(static_cast<uint32_t>(text.size()));
+        char line[160];
+        const int len = std::snprintf(line, sizeof line, "%s.%03ld INFO %s - iteration %ld value short\r\n", stamp,
+                                      id % 1000, kLoggerName, id);
+        text.append(line, static_cast<size_t>(len));
+    }
+    starts.push_back(static_cast<uint32_t>(text.size()));
+    const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC, 0644);
+    if (fd < 0) fail("floor", path + ": " + std::strerror(errno));
+    char buffer[4096];
+    size_t used = 0;
+    auto out = [&](const char* p, size_t len) {
+        while (len > 0) {
+            const ssize_t done = ::write(fd, p, len);
+            if (done <= 0) fail("floor", std::string("write: ") + std::strerror(errno));
+            p += done;
+            len -= static_cast<size_t>(done);
+        }
+    };
+    const Timing timing = runThreads(
+        1, n,
+        [&](int id) {
+            const char* line = text.data() + starts[static_cast<size_t>(id)];
+            const size_t len = starts[static_cast<size_t>(id) + 1] - starts[static_cast<size_t>(id)];
+            if (used + len > sizeof buffer) {
+                out(buffer, used);
+                used = 0;
+            }
+            std::memcpy(buffer + used, line, len);
+            used += len;
+        },
+        [&] {
+            out(buffer, used);
+            ::close(fd);
+        });
+    return timing;
+}
+
+// The asynchronous producer's floor in zvlog: the event encoded into the
+// thread's buffer (a logger at INFO without appenders does only that), and
+// the logger's lock taken and released without contention, which every
+// event that reaches an appender holds while it is queued.
+double encodeFloor(long n) {
+    zl::Logger* logger = zl::Logger::getRepository()->getLogger("bench.compare.floor");
+    logger->setAdditivity(false);
+    logger->removeAllAppenders();
+    logger->setLevel(zl::LEVEL_INFO);
+    return runThreads(
+               1, n, [logger](int id) { ZVLOG_INFO(logger, "iteration %d value %s", id, "short"); }, [] {})
+        .producer;
+}
+
+double lockFloor(long n) {
+    zvs::zvlib::MultiThreading::Mutex mutex;
+    return runThreads(
+               1, n,
+               [&mutex](int) {
+                   mutex.lock();
+                   compilerBarrier();
+                   mutex.unlock();
+               },
+               [] {})
+        .producer;
 }
 
 // Two processes append to one file through their own FileAppender: each
@@ -1573,6 +1665,41 @@ void printTable(const char* title, const std::vector<Row>& rows, const Results& 
     std::printf("  (ns per event, median of the repetitions; zv/best = zvlog / the fastest peer, below 1 is faster)\n\n");
 }
 
+// The floors against the libraries' figures of the same run: what of a
+// ratio the library's own work decides, and what the required work bounds.
+void printFloors(const Results& results, const std::vector<std::unique_ptr<Contender>>& contenders,
+                 const std::vector<double>& write, const std::vector<double>& encode,
+                 const std::vector<double>& lock) {
+    auto peer = [&](const std::string& key, const char* name) {
+        for (size_t k = 1; k < contenders.size(); ++k)
+            if (std::strcmp(contenders[k]->name(), name) == 0) return results.median(key, k);
+        return -1.0;
+    };
+    const double zvFile = results.median("file1", 0), spFile = peer("file1", "spdlog");
+    const double zvProducer = results.median("async1producer", 0), quill = peer("async1producer", "quill");
+    if (write.empty() && encode.empty()) return;
+    std::printf("floors: the required work by itself, in this run (ns per event, median of the repetitions)\n");
+    if (!write.empty()) {
+        const double f = median(write);
+        std::printf("  %-72s %9.1f\n", "sync file: the same lines into a 4096-byte buffer, one write() per buffer", f);
+        if (zvFile > 0 && spFile > 0) {
+            std::printf("    above the floor: zvlog %.1f, spdlog %.1f; zvlog / spdlog above it %.3f\n", zvFile - f,
+                        spFile - f, (zvFile - f) / (spFile - f));
+            std::printf("    the floor alone is %.3f of spdlog's sync file: 0.5 leaves zvlog %.1f ns of its own\n",
+                        f / spFile, 0.5 * spFile - f);
+        }
+    }
+    if (!encode.empty()) {
+        const double e = median(encode), l = median(lock);
+        std::printf("  %-72s %9.1f\n", "async producer: the event encoded into the thread's buffer (no appender)", e);
+        std::printf("  %-72s %9.1f\n", "  + the logger's lock taken and released, uncontended", l);
+        if (zvProducer > 0) std::printf("    zvlog's producer above the two: %.1f\n", zvProducer - e - l);
+        if (quill > 0)
+            std::printf("    the two together are %.3f of quill's producer (the target is 0.8)\n", (e + l) / quill);
+    }
+    std::printf("\n");
+}
+
 // The time-stamp counter's ticks per nanosecond, against the steady clock.
 double tscPerNs() {
     const Clock::time_point c0 = Clock::now();
@@ -1782,6 +1909,7 @@ int main(int argc, char** argv) {
     // machine; two processes on one file.
     constexpr int kPairsPerRep = 3;
     std::vector<double> zvFile, zvFileCpu, zvBaseline, zvBaselineCpu, pairRatio, pairRatioCpu, zvTwoProcesses;
+    std::vector<double> floorWrite, floorEncode, floorLock;
 
     const bool threadCases = opt.runs("threads");
     const bool payloadCases = opt.runs("payload");
@@ -1865,6 +1993,17 @@ int main(int argc, char** argv) {
                         }
                     }
                 }
+                if (phase == 0) {
+                    if (opt.runs("file1")) {
+                        const std::string path = tmp.file("floor-write" + r + ".log");
+                        floorWrite.push_back(writeFloor(path, counts.file).wall);
+                        verifyAndRemove(*contenders[0], path, counts.warm + counts.file);
+                    }
+                    if (opt.runs("async") && opt.lib("zvlog")) {
+                        floorEncode.push_back(encodeFloor(counts.async));
+                        floorLock.push_back(lockFloor(counts.async));
+                    }
+                }
                 if (phase == 1 || !opt.runs("mp") || !opt.lib("zvlog")) continue;
                 Contender& zv = *contenders[0];
                 for (int pair = 0; pair < kPairsPerRep; ++pair) {
@@ -1914,6 +2053,8 @@ int main(int argc, char** argv) {
                               {"async1cpu", "  producer thread CPU"},
                               {"async1total", "async file, total", "quill", 0.5}},
                results, contenders);
+
+    printFloors(results, contenders, floorWrite, floorEncode, floorLock);
 
     if (opt.runs("latency")) {
         const double perNs = tscPerNs();
