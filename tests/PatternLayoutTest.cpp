@@ -166,6 +166,22 @@ TEST_F(PatternLayoutTest, MessageLinesIndentedToTheirColumn) {
     args.str("n").i32(5);
     EXPECT_EQ(format("::%8m|", args), ":: n=5\n  end|");
     EXPECT_EQ(format("::%m", args), "::n=5\n  end");
+
+    // A line end anywhere in a text argument, whatever its length, is found
+    // (short texts are searched a word at a time).
+    for (size_t n = 1; n <= 20; ++n) {
+        for (size_t at = 0; at < n; ++at) {
+            std::string text(n, 'a');
+            text[at] = '\n';
+            EventBuilder one("%s!");
+            one.str(text);
+            std::string expected = "> " + text.substr(0, at + 1) + "  " + text.substr(at + 1) + "!";
+            EXPECT_EQ(format("> %m", one), expected) << n << " " << at;
+        }
+        EventBuilder none("%s");
+        none.str(std::string(n, '\x0b'));
+        EXPECT_EQ(format("> %m", none), "> " + std::string(n, '\x0b')) << n;
+    }
 }
 
 TEST_F(PatternLayoutTest, MessagePaddingAndCutting) {

@@ -347,16 +347,23 @@ bool putDecimal(text::Writer& w, unsigned char type, const void* value, char con
 // read as one or two words instead of through a call.
 inline bool containsLineEnd(const char* s, size_t n) {
     if (n > 16) return std::memchr(s, '\n', n) != nullptr;
-    if (n < 8) {
-        for (size_t i = 0; i < n; ++i)
-            if (s[i] == '\n') return true;
-        return false;
+    if (n >= 8) {
+        auto hasLineEnd = [](uint64_t word) {
+            const uint64_t x = word ^ 0x0a0a0a0a0a0a0a0aull;
+            return ((x - 0x0101010101010101ull) & ~x & 0x8080808080808080ull) != 0;
+        };
+        return hasLineEnd(load<uint64_t>(s)) || hasLineEnd(load<uint64_t>(s + n - 8));
     }
-    auto hasLineEnd = [](uint64_t word) {
-        const uint64_t x = word ^ 0x0a0a0a0a0a0a0a0aull;
-        return ((x - 0x0101010101010101ull) & ~x & 0x8080808080808080ull) != 0;
-    };
-    return hasLineEnd(load<uint64_t>(s)) || hasLineEnd(load<uint64_t>(s + n - 8));
+    if (n >= 4) {
+        auto hasLineEnd = [](uint32_t word) {
+            const uint32_t x = word ^ 0x0a0a0a0au;
+            return ((x - 0x01010101u) & ~x & 0x80808080u) != 0;
+        };
+        return hasLineEnd(load<uint32_t>(s)) || hasLineEnd(load<uint32_t>(s + n - 4));
+    }
+    for (size_t i = 0; i < n; ++i)
+        if (s[i] == '\n') return true;
+    return false;
 }
 
 // Walks a format: literal(text, n) for the text to copy, conversion(spec)
