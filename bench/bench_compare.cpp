@@ -1689,6 +1689,11 @@ void printFloors(const Results& results, const std::vector<std::unique_ptr<Conte
                         f / spFile, 0.5 * spFile - f);
         }
     }
+    if (!write.empty() && !encode.empty() && spFile > 0) {
+        const double required = median(write) + median(encode) + median(lock);
+        std::printf("    with zvlog's encoding and logger lock (below) it is %.3f of spdlog's sync file\n",
+                    required / spFile);
+    }
     if (!encode.empty()) {
         const double e = median(encode), l = median(lock);
         std::printf("  %-72s %9.1f\n", "async producer: the event encoded into the thread's buffer (no appender)", e);
