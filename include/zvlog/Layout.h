@@ -62,7 +62,7 @@ public:
 private:
     struct Caches;
     void parse();
-    void formatElement(size_t index, const LoggingEvent* event, text::Writer& w);
+    void formatElement(size_t index, int kind, bool sized, const LoggingEvent* event, text::Writer& w);
 
     std::vector<Element> elements_;
     std::string scratch_;

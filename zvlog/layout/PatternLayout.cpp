@@ -72,6 +72,8 @@ struct PatternLayout::Caches {
         size_t element;
         const char* after;
         size_t afterLength;
+        int kind;    // the element's, copied here with
+        bool sized;  // whether it has a width, for the walk
     };
     std::string literals;  // every literal text, back to back
     size_t prefixLength = 0;
@@ -98,7 +100,7 @@ void PatternLayout::Caches::build(const std::vector<Element>& elements) {
                 break;
             default:
                 if (steps.empty()) prefixLength = literals.size();
-                steps.push_back(Step{i, nullptr, 0});
+                steps.push_back(Step{i, nullptr, 0, e.kind, e.minWidth > 0 || e.maxWidth > 0});
                 afterOffsets.push_back(literals.size());
                 continue;
         }
@@ -161,10 +163,6 @@ void padOrCutSlow(const PatternLayout::Element& e, std::string& out, size_t star
             text::keepLast(out, start, static_cast<size_t>(e.maxWidth));
         }
     }
-}
-
-inline void padOrCut(const PatternLayout::Element& e, text::Writer& w, size_t start) {
-    if (e.minWidth > 0 || e.maxWidth > 0) padOrCutSlow(e, w.string(), start);
 }
 
 void putText(text::Writer& w, const char* s) {
@@ -285,14 +283,13 @@ void PatternLayout::parse() {
     }
 }
 
-[[gnu::always_inline]] inline void PatternLayout::formatElement(size_t index, const LoggingEvent* event,
-                                                                  text::Writer& w) {
+[[gnu::always_inline]] inline void PatternLayout::formatElement(size_t index, int kind, bool sized,
+                                                                  const LoggingEvent* event, text::Writer& w) {
     const Element& e = elements_[index];
-    const bool sized = e.minWidth > 0 || e.maxWidth > 0;
-    const size_t start = sized || e.kind == 'm' ? w.position() : 0;
+    const size_t start = sized || kind == 'm' ? w.position() : 0;
     const EventAttributes& a = event->attributes;
     const LocationRecord* location = a.location;
-    switch (e.kind) {
+    switch (kind) {
         case 'c': {
             if (replayedLogger_) {
                 const std::string_view name(*replayedLogger_ ? replayedLogger_ : "root");
@@ -351,11 +348,11 @@ void PatternLayout::parse() {
             break;
         case 'm':
             if (renderMessage(event, w)) {
-                padOrCut(e, w, start);
+                if (sized) padOrCutSlow(e, w.string(), start);
                 std::string& text = w.string();
                 if (std::memchr(text.data() + start, '\n', text.size() - start)) indentMessage(text, start, scratch_);
-            } else {
-                padOrCut(e, w, start);
+            } else if (sized) {
+                padOrCutSlow(e, w.string(), start);
             }
             return;
         case 'p': {
@@ -397,7 +394,7 @@ void PatternLayout::format(const LoggingEvent* event, std::string& out) {
     const Caches& c = *caches_;
     w.putPadded(c.literals.data(), c.prefixLength);
     for (const Caches::Step& step : c.steps) {
-        formatElement(step.element, event, w);
+        formatElement(step.element, step.kind, step.sized, event, w);
         w.putPadded(step.after, step.afterLength);
     }
 }
