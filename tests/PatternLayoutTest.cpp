@@ -288,6 +288,61 @@ TEST_F(PatternLayoutTest, PiecesAroundTheChunkSizes) {
     EXPECT_EQ(out, "short|a.name.of.seventeen|s|sixteen.chars.ab|");
 }
 
+// A layout keeps the text of its leading date, level and logger for the
+// next event of the same millisecond, level and logger. Whatever came before,
+// each line must be what a fresh layout prints for that event.
+TEST_F(PatternLayoutTest, KeptLineHeadsMatchFreshLayouts) {
+    struct Step {
+        uint32_t second, micros;
+        unsigned char level;
+        const char* logger;
+        const char* replayedAs;  // formatReplayed with this logger name, or null
+    };
+    const Step steps[] = {
+        {kTuesday, 1000, LEVEL_INFO, "zv.a", nullptr},
+        {kTuesday, 1999, LEVEL_INFO, "zv.a", nullptr},    // same millisecond
+        {kTuesday, 2000, LEVEL_INFO, "zv.a", nullptr},    // next millisecond
+        {kTuesday + 1, 2000, LEVEL_INFO, "zv.a", nullptr},  // next second, same millisecond
+        {kTuesday + 1, 2000, LEVEL_ERROR, "zv.a", nullptr},
+        {kTuesday + 1, 2000, LEVEL_ERROR, "zv.b.c", nullptr},
+        {kTuesday + 1, 2000, LEVEL_ERROR, "zv.b.c", "replayed.name"},
+        {kTuesday + 1, 2000, LEVEL_ERROR, "zv.b.c", nullptr},
+        {5, 123456, LEVEL_ERROR, "zv.b.c", nullptr},  // durations print their own digits
+        {5, 123789, LEVEL_ERROR, "zv.b.c", nullptr},
+        {kTuesday + 1, 2000, LEVEL_ERROR, "zv.b.c", nullptr},
+    };
+    for (const char* pattern : {"%d %p %c - %m%n", "%-30d{%H:%M:%S} %5p [%c{1}] %m|", "%p %d{%S} %t %c %m",
+                                "<%c> %m %d"}) {
+        SCOPED_TRACE(pattern);
+        PatternLayout kept(pattern);
+        for (const Step& st : steps) {
+            SCOPED_TRACE(std::to_string(st.second) + "." + std::to_string(st.micros));
+            EventBuilder b("copied %d rows");
+            b.i32(7).time(st.second, st.micros).level(st.level).logger(loggerIndex(st.logger));
+            PatternLayout fresh(pattern);
+            std::string a, e;
+            if (st.replayedAs) {
+                kept.formatReplayed(b.get(), st.replayedAs, "worker", a);
+                fresh.formatReplayed(b.get(), st.replayedAs, "worker", e);
+            } else {
+                kept.format(b.get(), a);
+                fresh.format(b.get(), e);
+            }
+            EXPECT_EQ(a, e);
+        }
+    }
+    // Spot checks of the texts themselves.
+    PatternLayout layout("%d{%H:%M:%S} %p %c: %m|");
+    std::string out;
+    for (const Step& st : {steps[0], steps[1], steps[2], steps[8], steps[9]}) {
+        EventBuilder b("m");
+        b.time(st.second, st.micros).level(st.level).logger(loggerIndex(st.logger));
+        layout.format(b.get(), out);
+    }
+    EXPECT_EQ(out, "22:13:20.001 INFO zv.a: m|22:13:20.001 INFO zv.a: m|22:13:20.002 INFO zv.a: m|"
+                   "5.456 ERROR zv.b.c: m|5.789 ERROR zv.b.c: m|");
+}
+
 TEST_F(PatternLayoutTest, EventWithoutLocation) {
     EventBuilder b("m");
     LoggingEvent event = b.event();

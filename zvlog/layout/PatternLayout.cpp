@@ -79,6 +79,22 @@ struct PatternLayout::Caches {
     size_t prefixLength = 0;
     std::vector<Step> steps;
 
+    // The text of the pattern up to its first conversion that is not a
+    // date, a level or a logger name, kept for the last event: an event in
+    // the same millisecond, of the same level and logger, copies it whole.
+    // ("%d %p %c - " of the default line: a few thousand events a
+    // millisecond share it.) Durations and replayed events are formatted in
+    // full; so is the whole line when the pattern starts with anything else.
+    struct Head {
+        size_t steps = 0;  // the leading steps it covers; 0: no head
+        bool valid = false;
+        uint32_t second = 0;
+        uint32_t millisecond = 0;
+        unsigned short logger = 0;
+        unsigned char level = 0;
+        std::string text;
+    } head;
+
     void build(const std::vector<Element>& elements);
 };
 
@@ -106,6 +122,11 @@ void PatternLayout::Caches::build(const std::vector<Element>& elements) {
         }
     }
     if (steps.empty()) prefixLength = literals.size();
+    while (head.steps < steps.size()) {
+        const int kind = steps[head.steps].kind;
+        if (kind != 'd' && kind != 'p' && kind != 'c') break;
+        ++head.steps;
+    }
     const size_t literalsEnd = literals.size();
     literals.append(text::Writer::kPad, '\0');
     for (size_t k = 0; k < steps.size(); ++k) {
@@ -391,11 +412,41 @@ void PatternLayout::parse() {
 void PatternLayout::format(const LoggingEvent* event, std::string& out) {
     if (!event) return;
     text::Writer w(out, 0);
-    const Caches& c = *caches_;
-    w.putPadded(c.literals.data(), c.prefixLength);
-    for (const Caches::Step& step : c.steps) {
-        formatElement(step.element, step.kind, step.sized, event, w);
-        w.putPadded(step.after, step.afterLength);
+    Caches& c = *caches_;
+    Caches::Head& head = c.head;
+    const Caches::Step* step = c.steps.data();
+    const Caches::Step* const end = step + c.steps.size();
+    if (head.steps != 0 && !replayedLogger_) {
+        const EventAttributes& a = event->attributes;
+        const uint32_t millisecond = (a.time.tv_usec / 1000) % 1000;
+        if (head.valid && head.second == a.time.tv_sec && head.millisecond == millisecond &&
+            head.logger == a.loggerIndex && head.level == a.level) {
+            w.put(head.text.data(), head.text.size());
+            step += head.steps;
+        } else {
+            const size_t start = w.position();
+            w.putPadded(c.literals.data(), c.prefixLength);
+            for (const Caches::Step* const headEnd = step + head.steps; step != headEnd; ++step) {
+                formatElement(step->element, step->kind, step->sized, event, w);
+                w.putPadded(step->after, step->afterLength);
+            }
+            // A duration's text depends on more than its millisecond.
+            head.valid = a.time.tv_sec >= kFirstCalendarSecond;
+            if (head.valid) {
+                const std::string& text = w.string();
+                head.text.assign(text, start, std::string::npos);
+                head.second = a.time.tv_sec;
+                head.millisecond = millisecond;
+                head.logger = a.loggerIndex;
+                head.level = a.level;
+            }
+        }
+    } else {
+        w.putPadded(c.literals.data(), c.prefixLength);
+    }
+    for (; step != end; ++step) {
+        formatElement(step->element, step->kind, step->sized, event, w);
+        w.putPadded(step->after, step->afterLength);
     }
 }
 
