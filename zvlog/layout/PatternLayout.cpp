@@ -92,7 +92,9 @@ struct PatternLayout::Caches {
         uint32_t millisecond = 0;
         unsigned short logger = 0;
         unsigned char level = 0;
-        std::string text;
+        size_t length = 0;
+        std::string text;  // length bytes, then kChunk zeros
+        static constexpr size_t kChunk = 64;
     } head;
 
     void build(const std::vector<Element>& elements);
@@ -421,7 +423,14 @@ void PatternLayout::format(const LoggingEvent* event, std::string& out) {
         const uint32_t millisecond = (a.time.tv_usec / 1000) % 1000;
         if (head.valid && head.second == a.time.tv_sec && head.millisecond == millisecond &&
             head.logger == a.loggerIndex && head.level == a.level) {
-            w.put(head.text.data(), head.text.size());
+            // One chunk of fixed size when it fits: no dispatch on the length.
+            if (head.length <= Caches::Head::kChunk) {
+                char* p = w.room(Caches::Head::kChunk);
+                std::memcpy(p, head.text.data(), Caches::Head::kChunk);
+                w.advance(p + head.length);
+            } else {
+                w.put(head.text.data(), head.length);
+            }
             step += head.steps;
         } else {
             const size_t start = w.position();
@@ -435,6 +444,8 @@ void PatternLayout::format(const LoggingEvent* event, std::string& out) {
             if (head.valid) {
                 const std::string& text = w.string();
                 head.text.assign(text, start, std::string::npos);
+                head.length = head.text.size();
+                head.text.append(Caches::Head::kChunk, '\0');
                 head.second = a.time.tv_sec;
                 head.millisecond = millisecond;
                 head.logger = a.loggerIndex;
