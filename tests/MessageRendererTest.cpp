@@ -9,6 +9,7 @@
 #include <functional>
 #include <limits>
 #include <string>
+#include <vector>
 
 #include "support/EventBuilder.h"
 #include "zvlog/FormatScan.h"
@@ -139,6 +140,23 @@ TEST(MessageRenderer, RegisteredFormatsRenderAsTheyRead) {
         LoggingEvent otherEvent = one.event();
         otherEvent.attributes.location = &other;
         EXPECT_EQ(rendered(otherEvent), "other 9");
+    }
+}
+
+// Decimal digits are written two at a time, in 64-bit arithmetic above 32
+// bits and in 32-bit below: every digit count and both sides of the change.
+TEST(MessageRenderer, DecimalsOfEveryLength) {
+    std::vector<uint64_t> values = {0, 9, 10, 99, 100, 0xffffffffull, 0x100000000ull, UINT64_MAX};
+    for (uint64_t p = 1; p <= 10000000000000000000ull / 10; p *= 10) {
+        values.push_back(p * 10 - 1);
+        values.push_back(p * 10);
+        values.push_back(p * 10 + 1);
+    }
+    for (const uint64_t v : values) {
+        EventBuilder b("%u|%d");
+        b.u64(v).i64(-static_cast<int64_t>(v & 0x7fffffffffffffffull));
+        const std::string negative = (v & 0x7fffffffffffffffull) ? "-" + std::to_string(v & 0x7fffffffffffffffull) : "0";
+        EXPECT_EQ(rendered(b.event()), std::to_string(v) + "|" + negative) << v;
     }
 }
 

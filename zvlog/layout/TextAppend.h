@@ -18,12 +18,21 @@ inline char* writeDecimalBackwards(char* end, uint64_t v) {
         "00010203040506070809101112131415161718192021222324252627282930313233343536373839"
         "40414243444546474849505152535455565758596061626364656667686970717273747576777879"
         "8081828384858687888990919293949596979899";
-    while (v >= 100) {
+    while (v > 0xffffffffu) {
         const unsigned pair = static_cast<unsigned>(v % 100) * 2;
         v /= 100;
         *--end = kPairs[pair + 1];
         *--end = kPairs[pair];
     }
+    // The rest in 32-bit arithmetic, whose division by 100 is cheaper.
+    uint32_t w = static_cast<uint32_t>(v);
+    while (w >= 100) {
+        const unsigned pair = (w % 100) * 2;
+        w /= 100;
+        *--end = kPairs[pair + 1];
+        *--end = kPairs[pair];
+    }
+    v = w;
     if (v >= 10) {
         const unsigned pair = static_cast<unsigned>(v) * 2;
         *--end = kPairs[pair + 1];
