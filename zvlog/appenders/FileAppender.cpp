@@ -176,7 +176,9 @@ void FileAppender::append(const LoggingEvent* event) {
     if (fd_ < 0) return;
     const size_t at = buffer_.size();
     layout->format(event, buffer_);
-    placeLastRecord(at);
+    // Mostly the record just stays in the buffer.
+    const size_t size = buffer_.size();
+    if (ZVLOG_UNLIKELY(size > capacity_ || size - at >= capacity_ || immediateFlush_)) placeLastRecord(at);
 }
 
 // Header and footer go straight into the file's buffer: they never trigger

@@ -5,6 +5,7 @@
 #include "zvlog/Log.h"
 #include "zvlog/SparseArray.h"
 #include "zvlog/buffer/LogBufferImpl.h"
+#include "zvlog/core/Clock.h"
 #include "zvlog/core/FormatPlan.h"
 #include "zvlog/core/ThreadRecord.h"
 
@@ -116,7 +117,9 @@ void logEvent(Logger* logger, unsigned char level, CallSite& site, const char* f
     LoggingEvent event;
     EventAttributes& a = event.attributes;
     a.location = &site.record;
-    LoggingTime::getCurrentTime(&a.time);
+    const uint64_t now = libclock::readPacked();
+    a.time.tv_sec = static_cast<uint32_t>(now >> 32);
+    a.time.tv_usec = static_cast<uint32_t>(now);
     a.sequence = sequenceCounter.fetch_add(1, std::memory_order_relaxed) + 1;
     a.threadNumber = thread->number;
     a.loggerIndex = logger->getIndex();
@@ -126,7 +129,9 @@ void logEvent(Logger* logger, unsigned char level, CallSite& site, const char* f
     LogBufferImpl* buffer = threadBuffer(thread);
     buffer->addEvent(&event);
     buffer->addArguments(args, count, event);
-    event.setBufferLocation(buffer);
+    event.bufferBase = buffer->blockBase();
+    event.bufferOffset = buffer->eventOffset();
+    event.bufferLength = buffer->writeOffset() - event.bufferOffset;
 
     logger->doAppend(&event);
 

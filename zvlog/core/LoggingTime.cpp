@@ -5,6 +5,7 @@
 #include <atomic>
 
 #include "zvlog/MultiThreading.h"
+#include "zvlog/core/Clock.h"
 #include "zvlog/core/Library.h"
 #include "zvstd/Files.h"
 
@@ -15,20 +16,15 @@ namespace {
 using MultiThreading::Event;
 using MultiThreading::Thread;
 
-// The packed clock value: seconds since 1970 in the high 32 bits,
-// microseconds in the low 32 bits.
-std::atomic<uint64_t> packedTime{0};
-// Raised by readers, cleared by the time thread: a refresh without readers
-// in between counts as idle.
-std::atomic<bool> readSinceRefresh{false};
-std::atomic<bool> asleep{false};
+using libclock::asleep;
+using libclock::cachedClock;
+using libclock::packedTime;
+using libclock::readSinceRefresh;
+
 std::atomic<unsigned int> currentTimeoutMs{1};
 uint64_t startMicros = 0;
 Event* wakeSignal = nullptr;
 Thread* timeThread = nullptr;
-// True while the time thread keeps the cached value fresh; otherwise every
-// read takes the system time.
-std::atomic<bool> cachedClock{false};
 
 constexpr uint64_t pack(uint64_t seconds, uint64_t micros) {
     seconds += micros / 1000000;
@@ -80,18 +76,29 @@ unsigned int timeThreadLoop(void*) {
     return 0;
 }
 
-inline uint64_t readPacked() {
-    if (ZVLOG_UNLIKELY(!cachedClock.load(std::memory_order_relaxed))) return systemPacked();
-    uint64_t value;
-    if (ZVLOG_UNLIKELY(asleep.load(std::memory_order_relaxed))) {
-        wakeSignal->set();
-        value = refresh();
-    } else {
-        value = packedTime.load(std::memory_order_relaxed);
-    }
+}  // namespace
+
+namespace libclock {
+
+std::atomic<uint64_t> packedTime{0};
+std::atomic<bool> readSinceRefresh{false};
+std::atomic<bool> asleep{false};
+std::atomic<bool> cachedClock{false};
+
+uint64_t readPackedSlow() {
+    if (!cachedClock.load(std::memory_order_relaxed)) return systemPacked();
+    // Asleep: the reader wakes the time thread and reads the system time.
+    wakeSignal->set();
+    const uint64_t value = refresh();
     if (!readSinceRefresh.load(std::memory_order_relaxed)) readSinceRefresh.store(true, std::memory_order_relaxed);
     return value;
 }
+
+}  // namespace libclock
+
+namespace {
+
+using libclock::readPacked;
 
 }  // namespace
 
