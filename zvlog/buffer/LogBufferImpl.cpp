@@ -584,7 +584,7 @@ void LogBufferImpl::addArguments(const detail::ArgRef* args, unsigned short coun
         unsigned room = kBlockSize - position_ - kMargin - count * 9u;  // for texts beyond 9 bytes each
         unsigned short i = 0;
         for (; i < count; ++i) {
-            const detail::ArgRef& a = args[i];
+            const detail::ArgRef a = args[i];  // a copy: the stores below cannot change it
             *p = a.type;
             event.argumentTypes[i] = a.type;
             event.argumentValues[i] = p + 1;
@@ -609,6 +609,10 @@ void LogBufferImpl::addArguments(const detail::ArgRef* args, unsigned short coun
             return;
         }
     }
+    addArgumentsOneByOne(args, count, event);
+}
+
+void LogBufferImpl::addArgumentsOneByOne(const detail::ArgRef* args, unsigned short count, LoggingEvent& event) {
     // Argument positions relative to the event's first argument survive the
     // event moving to a fresh block when a later argument does not fit.
     unsigned int relative[LoggingEvent::kMaxArguments];

@@ -71,6 +71,8 @@ private:
     bool writeEventHeader();
     void continueInNewBlock();
     unsigned int addArgumentSlow(unsigned char type, const void* data, unsigned int length);
+    // addArguments' careful path: each argument through addArgument.
+    [[gnu::noinline]] void addArgumentsOneByOne(const detail::ArgRef* args, unsigned short count, LoggingEvent& event);
     size_t freshBlockHeadSize() const;
     // An event has begun whose arguments are still to come.
     bool eventPending() const;
