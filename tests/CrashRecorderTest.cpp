@@ -286,19 +286,6 @@ const bool scenarios = runRequestedScenario({
 
 // ---- in the test ----
 
-std::string freshHome(const char* stem) {
-    const std::string home = temporaryPath(stem);
-    fs::create_directory(home);
-    return home;
-}
-
-std::vector<std::string> entries(const std::string& dir) {
-    std::vector<std::string> names;
-    for (const fs::directory_entry& e : fs::directory_iterator(dir)) names.push_back(e.path().filename());
-    std::sort(names.begin(), names.end());
-    return names;
-}
-
 // AddressSanitizer would take the faults itself and end the child with its
 // own exit status; the recorder is what is being tested, so the child leaves
 // them to it (and to the default actions after it).
@@ -374,6 +361,17 @@ std::string savedLine(int signal, const std::string& path) {
            path + "'\n";
 }
 
+// The child ended by `signal` after saying that it saved its events to
+// `path`; the dump there, which must read without error.
+Dump expectDumpedCrash(const ChildResult& r, int signal, const std::string& path) {
+    EXPECT_FALSE(r.exited) << "status " << r.status << ", stderr: " << r.err;
+    EXPECT_EQ(r.status, signal);
+    EXPECT_EQ(r.err, savedLine(signal, path));
+    Dump dump = readDump(path);
+    EXPECT_TRUE(dump.ok) << dump.firstError;
+    return dump;
+}
+
 class CrashRecorder : public ::testing::Test {
 protected:
     void SetUp() override {
@@ -397,16 +395,11 @@ TEST_F(CrashRecorder, EachFatalSignalLeavesTheLastEventsOfEveryThreadAndStillEnd
     };
     for (const Way& way : ways) {
         SCOPED_TRACE(way.scenario);
-        const std::string home = freshHome("crash-way");
+        const std::string home = temporaryDirectory("crash-way");
         const ChildResult r = runCrashingChild(way.scenario, home);
-        EXPECT_FALSE(r.exited) << "status " << r.status << ", stderr: " << r.err;
-        EXPECT_EQ(r.status, way.signal);
         const std::string path = home + "/zvlog-crashtest.dmp";
-        EXPECT_EQ(r.err, savedLine(way.signal, path));
-        EXPECT_EQ(entries(home), std::vector<std::string>{"zvlog-crashtest.dmp"});
-
-        const Dump dump = readDump(path);
-        EXPECT_TRUE(dump.ok) << dump.firstError;
+        const Dump dump = expectDumpedCrash(r, way.signal, path);
+        EXPECT_EQ(directoryEntries(home), std::vector<std::string>{"zvlog-crashtest.dmp"});
         // Two workers' closed and open blocks, and the crashing thread's.
         EXPECT_GE(dump.streams, 5u);
         EXPECT_EQ(compareThreads(dump.threads, {workerEvents(1, kManyEvents), workerEvents(2, kManyEvents),
@@ -429,24 +422,19 @@ TEST_F(CrashRecorder, EachFatalSignalLeavesTheLastEventsOfEveryThreadAndStillEnd
 }
 
 TEST_F(CrashRecorder, OffUnlessSwitchedOn) {
-    const std::string home = freshHome("crash-off");
+    const std::string home = temporaryDirectory("crash-off");
     const ChildResult r = runCrashingChild("segvWithoutRecorder", home);
     EXPECT_FALSE(r.exited);
     EXPECT_EQ(r.status, SIGSEGV);
     EXPECT_EQ(r.err, "");
-    EXPECT_EQ(entries(home), std::vector<std::string>{});
+    EXPECT_EQ(directoryEntries(home), std::vector<std::string>{});
     fs::remove_all(home);
 }
 
 TEST_F(CrashRecorder, HeldBlockStoreAndAThreadStuckInLoggingDoNotStopTheDump) {
-    const std::string home = freshHome("crash-held");
+    const std::string home = temporaryDirectory("crash-held");
     const ChildResult r = runCrashingChild("storeHeldAndThreadStuck", home);
-    EXPECT_FALSE(r.exited) << "status " << r.status << ", stderr: " << r.err;
-    EXPECT_EQ(r.status, SIGSEGV);
-    const std::string path = home + "/zvlog-crashtest.dmp";
-    EXPECT_EQ(r.err, savedLine(SIGSEGV, path));
-    const Dump dump = readDump(path);
-    EXPECT_TRUE(dump.ok) << dump.firstError;
+    const Dump dump = expectDumpedCrash(r, SIGSEGV, home + "/zvlog-crashtest.dmp");
     // The closed blocks are read past the held locks; the stuck thread's
     // events before the one it is stuck in are there, that one is not.
     EXPECT_EQ(compareThreads(dump.threads, {workerEvents(1, kManyEvents), workerEvents(2, kManyEvents),
@@ -457,14 +445,9 @@ TEST_F(CrashRecorder, HeldBlockStoreAndAThreadStuckInLoggingDoNotStopTheDump) {
 }
 
 TEST_F(CrashRecorder, TwoThreadsCrashingAtOnceWriteOneDumpWithBoth) {
-    const std::string home = freshHome("crash-two");
+    const std::string home = temporaryDirectory("crash-two");
     const ChildResult r = runCrashingChild("twoThreadsCrashAtOnce", home);
-    EXPECT_FALSE(r.exited) << "status " << r.status << ", stderr: " << r.err;
-    EXPECT_EQ(r.status, SIGSEGV);
-    const std::string path = home + "/zvlog-crashtest.dmp";
-    EXPECT_EQ(r.err, savedLine(SIGSEGV, path));
-    const Dump dump = readDump(path);
-    EXPECT_TRUE(dump.ok) << dump.firstError;
+    const Dump dump = expectDumpedCrash(r, SIGSEGV, home + "/zvlog-crashtest.dmp");
     EXPECT_EQ(compareThreads(dump.threads, {workerEvents(1, kFewEvents), workerEvents(2, kFewEvents)}), "");
     fs::remove_all(home);
 }
@@ -482,15 +465,10 @@ TEST_F(CrashRecorder, HandlersInstalledBeforeRunAfterTheDump) {
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.scenario);
-        const std::string home = freshHome("crash-chain");
+        const std::string home = temporaryDirectory("crash-chain");
         const ChildResult r = runCrashingChild(c.scenario, home);
-        EXPECT_FALSE(r.exited) << "status " << r.status << ", stderr: " << r.err;
-        EXPECT_EQ(r.status, c.signal);
         EXPECT_EQ(r.out, c.said);
-        const std::string path = home + "/zvlog-crashtest.dmp";
-        EXPECT_EQ(r.err, savedLine(c.signal, path));
-        const Dump dump = readDump(path);
-        EXPECT_TRUE(dump.ok) << dump.firstError;
+        const Dump dump = expectDumpedCrash(r, c.signal, home + "/zvlog-crashtest.dmp");
         EXPECT_EQ(compareThreads(dump.threads, {workerEvents(1, kFewEvents), workerEvents(2, kFewEvents), {c.last}}),
                   "");
         fs::remove_all(home);
@@ -498,7 +476,7 @@ TEST_F(CrashRecorder, HandlersInstalledBeforeRunAfterTheDump) {
 }
 
 TEST_F(CrashRecorder, AFaultWhileDumpingPassesTheSignalOnAndKeepsWhatWasWritten) {
-    const std::string home = freshHome("crash-refault");
+    const std::string home = temporaryDirectory("crash-refault");
     const ChildResult r = runCrashingChild("faultWhileDumping", home);
     EXPECT_FALSE(r.exited) << "status " << r.status << ", stderr: " << r.err;
     EXPECT_EQ(r.status, SIGSEGV);
@@ -512,10 +490,10 @@ TEST_F(CrashRecorder, AFaultWhileDumpingPassesTheSignalOnAndKeepsWhatWasWritten)
 }
 
 TEST_F(CrashRecorder, DumpNameFollowsTheInstanceNameSetAfterSwitchingOn) {
-    const std::string home = freshHome("crash-renamed");
+    const std::string home = temporaryDirectory("crash-renamed");
     const ChildResult r = runCrashingChild("renamedAfterInstall", home);
     EXPECT_EQ(r.status, SIGSEGV);
-    EXPECT_EQ(entries(home), std::vector<std::string>{"zvlog-crashtest.dmp"});
+    EXPECT_EQ(directoryEntries(home), std::vector<std::string>{"zvlog-crashtest.dmp"});
     const Dump dump = readDump(home + "/zvlog-crashtest.dmp");
     EXPECT_TRUE(dump.ok) << dump.firstError;
     EXPECT_EQ(dump.threads.size(), 3u);
@@ -523,15 +501,10 @@ TEST_F(CrashRecorder, DumpNameFollowsTheInstanceNameSetAfterSwitchingOn) {
 }
 
 TEST_F(CrashRecorder, SharedNameLockedByAnotherDumpGivesTheProcessItsOwnName) {
-    const std::string home = freshHome("crash-locked");
+    const std::string home = temporaryDirectory("crash-locked");
     const std::string shared = home + "/zvlog-crashtest.dmp";
-    const int fd = open(shared.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+    const int fd = holdFirstByteLock(shared, "another dump");
     ASSERT_GE(fd, 0);
-    ASSERT_EQ(write(fd, "another dump", 12), 12);
-    struct flock lock {};
-    lock.l_type = F_WRLCK;
-    lock.l_len = 1;
-    ASSERT_EQ(fcntl(fd, F_OFD_SETLK, &lock), 0);
 
     const ChildResult r = runCrashingChild("printPidAndCrash", home);
     close(fd);

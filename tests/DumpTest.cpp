@@ -91,18 +91,6 @@ const bool scenarios = runRequestedScenario({{"twoThreads", twoThreads},
                                              {"afterShutdown", afterShutdown},
                                              {"pidAndSave", pidAndSave}});
 
-std::string freshHome(const char* stem) {
-    const std::string home = temporaryPath(stem);
-    fs::create_directory(home);
-    return home;
-}
-
-std::vector<std::string> entries(const std::string& dir) {
-    std::vector<std::string> names;
-    for (const fs::directory_entry& e : fs::directory_iterator(dir)) names.push_back(e.path().filename());
-    return names;
-}
-
 std::string rendered(const DecodedEvent& decoded) {
     LocationRecord site;
     LoggingEvent event;
@@ -131,7 +119,7 @@ std::vector<std::string> dumpedMessages(const std::string& path) {
 }
 
 TEST(Dump, DecodesToExactlyTheEventsOfBothThreadsAndTheCallersOpenBlock) {
-    const std::string home = freshHome("dump-threads");
+    const std::string home = temporaryDirectory("dump-threads");
     const ChildResult r = runChild("twoThreads", {"QMR_HOME=" + home});
     ASSERT_TRUE(r.exited);
     EXPECT_EQ(r.status, 0);
@@ -159,7 +147,7 @@ TEST(Dump, DecodesToExactlyTheEventsOfBothThreadsAndTheCallersOpenBlock) {
 }
 
 TEST(Dump, IncludesClosedBlocksBackInThePoolOldestFirst) {
-    const std::string home = freshHome("dump-pool");
+    const std::string home = temporaryDirectory("dump-pool");
     const ChildResult r = runChild("threadsInTurn", {"QMR_HOME=" + home});
     EXPECT_EQ(r.err, "");
     EXPECT_EQ(r.out, "1");
@@ -170,12 +158,12 @@ TEST(Dump, IncludesClosedBlocksBackInThePoolOldestFirst) {
 
 TEST(Dump, NothingIsSavedBeforeStartUpOrAfterShutdown) {
     for (const char* scenario : {"beforeStartUp", "afterShutdown"}) {
-        const std::string home = freshHome("dump-stopped");
+        const std::string home = temporaryDirectory("dump-stopped");
         const ChildResult r = runChild(scenario, {"QMR_HOME=" + home});
         EXPECT_EQ(r.status, 0) << scenario;
         EXPECT_EQ(r.err, "") << scenario;
         EXPECT_EQ(r.out, "0") << scenario;
-        EXPECT_EQ(entries(home), std::vector<std::string>{}) << scenario;
+        EXPECT_EQ(directoryEntries(home), std::vector<std::string>{}) << scenario;
         fs::remove_all(home);
     }
 }
@@ -193,15 +181,10 @@ TEST(Dump, UnwritableLogDirectoryPrintsTheFailure) {
 }
 
 TEST(Dump, SharedNameLockedByAnotherProcessGivesTheProcessItsOwnName) {
-    const std::string home = freshHome("dump-locked");
+    const std::string home = temporaryDirectory("dump-locked");
     const std::string shared = home + "/zvlog-dumptest.dmp";
-    const int fd = open(shared.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+    const int fd = holdFirstByteLock(shared, "another dump");
     ASSERT_GE(fd, 0);
-    ASSERT_EQ(write(fd, "another dump", 12), 12);
-    struct flock lock {};
-    lock.l_type = F_WRLCK;
-    lock.l_len = 1;
-    ASSERT_EQ(fcntl(fd, F_OFD_SETLK, &lock), 0);
 
     const ChildResult r = runChild("pidAndSave", {"QMR_HOME=" + home});
     close(fd);

@@ -6,12 +6,14 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 
@@ -129,6 +131,33 @@ std::string temporaryPath(const char* stem) {
                        std::to_string(counter++);
     unlink(path.c_str());
     return path;
+}
+
+std::string temporaryDirectory(const char* stem) {
+    const std::string dir = temporaryPath(stem);
+    std::filesystem::create_directory(dir);
+    return dir;
+}
+
+std::vector<std::string> directoryEntries(const std::string& dir) {
+    std::vector<std::string> names;
+    for (const auto& e : std::filesystem::directory_iterator(dir)) names.push_back(e.path().filename());
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+int holdFirstByteLock(const std::string& path, const std::string& text) {
+    const int fd = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+    if (fd < 0) return -1;
+    struct flock lock {};
+    lock.l_type = F_WRLCK;
+    lock.l_len = 1;
+    if (write(fd, text.data(), text.size()) != static_cast<ssize_t>(text.size()) ||
+        fcntl(fd, F_OFD_SETLK, &lock) != 0) {
+        close(fd);
+        return -1;
+    }
+    return fd;
 }
 
 std::string readFile(const std::string& path) {

@@ -69,6 +69,16 @@ std::string programDirectory();
 // A fresh, empty path in the temporary directory.
 std::string temporaryPath(const char* stem);
 
+// A fresh, empty directory in the temporary directory.
+std::string temporaryDirectory(const char* stem);
+
+// The names of a directory's entries, sorted.
+std::vector<std::string> directoryEntries(const std::string& dir);
+
+// Writes `text` to `path` and holds a lock on its first byte, as a process
+// writing a dump there does; returns the open descriptor (-1 on failure).
+int holdFirstByteLock(const std::string& path, const std::string& text);
+
 std::string readFile(const std::string& path);
 
 }  // namespace zvtest
