@@ -56,14 +56,12 @@ struct PatternLayout::Caches {
     struct Name {
         bool valid = false;
         unsigned short index = 0;
-        std::string text;  // the shortened name, then text::Writer::kPad zeros
-        size_t length = 0;
+        std::string_view text;
     };
     std::vector<DateSecond> dates;
     std::vector<Name> names;
     const char* levelName = nullptr;
     size_t levelNameLength = 0;
-    char levelText[2 * text::Writer::kPad] = {};  // the level's name, zero-padded, when it fits
 
     // The pattern as formatting walks it: the literal text before the first
     // conversion, then each conversion with the literal text that follows it
@@ -323,15 +321,11 @@ void PatternLayout::parse() {
             if (!cached.valid || cached.index != a.loggerIndex) {
                 const char* name = Logger::getRepository()->getLoggerName(a.loggerIndex);
                 if (!name) break;
-                const std::string_view shown =
-                    lastComponents(std::string_view(*name ? name : "root"), e.optionNumber, isNameSeparator);
                 cached.valid = true;
                 cached.index = a.loggerIndex;
-                cached.text.assign(shown.data(), shown.size());
-                cached.text.append(text::Writer::kPad, '\0');
-                cached.length = shown.size();
+                cached.text = lastComponents(std::string_view(*name ? name : "root"), e.optionNumber, isNameSeparator);
             }
-            w.putPadded(cached.text.data(), cached.length);
+            w.put(cached.text);
             break;
         }
         case 'C':
@@ -379,21 +373,12 @@ void PatternLayout::parse() {
             }
             return;
         case 'p': {
-            Caches& c = *caches_;
             const char* name = getLevelName(a.level);
-            if (name != c.levelName) {
-                c.levelName = name;
-                c.levelNameLength = std::strlen(name);
-                std::memset(c.levelText, 0, sizeof c.levelText);
-                if (c.levelNameLength <= text::Writer::kPad) std::memcpy(c.levelText, name, c.levelNameLength);
+            if (name != caches_->levelName) {
+                caches_->levelName = name;
+                caches_->levelNameLength = std::strlen(name);
             }
-            if (c.levelNameLength <= text::Writer::kPad) {
-                char* p = w.room(text::Writer::kPad);
-                std::memcpy(p, c.levelText, text::Writer::kPad);
-                w.advance(p + c.levelNameLength);
-            } else {
-                w.put(name, c.levelNameLength);
-            }
+            w.put(name, caches_->levelNameLength);
             break;
         }
         case 'r':
@@ -423,14 +408,7 @@ void PatternLayout::format(const LoggingEvent* event, std::string& out) {
         const uint32_t millisecond = (a.time.tv_usec / 1000) % 1000;
         if (head.valid && head.second == a.time.tv_sec && head.millisecond == millisecond &&
             head.logger == a.loggerIndex && head.level == a.level) {
-            // One chunk of fixed size when it fits: no dispatch on the length.
-            if (head.length <= Caches::Head::kChunk) {
-                char* p = w.room(Caches::Head::kChunk);
-                std::memcpy(p, head.text.data(), Caches::Head::kChunk);
-                w.advance(p + head.length);
-            } else {
-                w.put(head.text.data(), head.length);
-            }
+            w.putPadded<Caches::Head::kChunk>(head.text.data(), head.length);
             step += head.steps;
         } else {
             const size_t start = w.position();

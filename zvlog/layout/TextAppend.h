@@ -185,14 +185,20 @@ public:
     // bytes beyond their end, so a short one is copied as one fixed-size
     // chunk whatever its length: no dispatch on the length.
     static constexpr size_t kPad = 16;
+    // n <= Chunk bytes at s, which has Chunk readable bytes.
+    template <size_t Chunk>
+    [[gnu::always_inline]] void putChunk(const char* s, size_t n) {
+        char* p = room(Chunk);
+        std::memcpy(p, s, Chunk);
+        p_ = p + n;
+    }
+    // n bytes at s, which has Chunk readable bytes beyond them.
+    template <size_t Chunk = kPad>
     [[gnu::always_inline]] void putPadded(const char* s, size_t n) {
-        if (n <= kPad) {
-            char* p = room(kPad);
-            std::memcpy(p, s, kPad);
-            p_ = p + n;
-        } else {
+        if (n <= Chunk)
+            putChunk<Chunk>(s, n);
+        else
             put(s, n);
-        }
     }
     // The digits go straight to their place: written into a buffer and
     // copied, they would be read back before the processor has stored them.
