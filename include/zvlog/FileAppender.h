@@ -137,6 +137,7 @@ private:
     friend struct OpenFileRegistry;
     void writeOut(const void* data, size_t length, bool follow);
     void placeLastRecord(size_t at);
+    void spillRecords(size_t at);
     void adopt(int fd, const std::string& name);
 
     unsigned long long bufferSize_ = 4096;

@@ -165,6 +165,31 @@ void FileAppender::write(const void* data, unsigned long long length) {
     put(data, static_cast<size_t>(length));
 }
 
+// The buffer holds whole records before `at` and the newest one after it.
+// Mostly the newest just stays there; otherwise spillRecords writes.
+[[gnu::always_inline]] inline void FileAppender::placeLastRecord(size_t at) {
+    if (ZVLOG_UNLIKELY(buffer_.size() > capacity_ || buffer_.size() - at >= capacity_ || immediateFlush_))
+        spillRecords(at);
+}
+
+// When the newest record does not fit behind the others they go out first, a
+// record as large as the buffer (every record when unbuffered) is written by
+// itself, and immediate flush writes what remains.
+void FileAppender::spillRecords(size_t at) {
+    const size_t n = buffer_.size() - at;
+    if (buffer_.size() > capacity_ || n >= capacity_) {
+        if (at != 0) {
+            writeOut(buffer_.data(), at, followRenames_);
+            buffer_.erase(0, at);
+        }
+        if (n >= capacity_) {
+            writeOut(buffer_.data(), n, followRenames_);
+            buffer_.clear();
+        }
+    }
+    if (immediateFlush_) flushBuffer(followRenames_);
+}
+
 void FileAppender::append(const LoggingEvent* event) {
     Layout* layout = getLayout();
     if (!recordsInPlace_ || !layout) {
@@ -176,9 +201,7 @@ void FileAppender::append(const LoggingEvent* event) {
     if (fd_ < 0) return;
     const size_t at = buffer_.size();
     layout->format(event, buffer_);
-    // Mostly the record just stays in the buffer.
-    const size_t size = buffer_.size();
-    if (ZVLOG_UNLIKELY(size > capacity_ || size - at >= capacity_ || immediateFlush_)) placeLastRecord(at);
+    placeLastRecord(at);
 }
 
 // Header and footer go straight into the file's buffer: they never trigger
@@ -198,25 +221,6 @@ void FileAppender::put(const void* data, size_t length) {
     const size_t at = buffer_.size();
     buffer_.append(static_cast<const char*>(data), length);
     placeLastRecord(at);
-}
-
-// The buffer holds whole records before `at` and the newest one after it.
-// When the newest does not fit behind the others they go out first, a
-// record as large as the buffer (every record when unbuffered) is written by
-// itself, and immediate flush writes what remains.
-void FileAppender::placeLastRecord(size_t at) {
-    const size_t n = buffer_.size() - at;
-    if (buffer_.size() > capacity_ || n >= capacity_) {
-        if (at != 0) {
-            writeOut(buffer_.data(), at, followRenames_);
-            buffer_.erase(0, at);
-        }
-        if (n >= capacity_) {
-            writeOut(buffer_.data(), n, followRenames_);
-            buffer_.clear();
-        }
-    }
-    if (immediateFlush_) flushBuffer(followRenames_);
 }
 
 void FileAppender::flushBuffer(bool follow) {
