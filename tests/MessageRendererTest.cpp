@@ -175,6 +175,11 @@ TEST(MessageRenderer, HexOctalAndCharacterConversions) {
     EventBuilder c("[%c%c]");
     c.u16(0x142).i64('z');
     EXPECT_EQ(rendered(c.event()), "[Bz]");
+
+    // Texts print as they are whatever the conversion character.
+    EventBuilder t("[%x|%c|%o]");
+    t.str("a\nb").str("cd").str("");
+    EXPECT_EQ(rendered(t.event()), "[a\nb|cd|]");
 }
 
 TEST(MessageRenderer, TypeCodeDecidesNotConversionCharacter) {

@@ -307,7 +307,7 @@ void appendArgument(std::string& out, unsigned char type, const void* value, con
 // A 32- or 64-bit integer printed in decimal without width or precision,
 // straight through the writer; false for anything else, which goes through
 // appendArgument on the string.
-bool putDecimal(text::Writer& w, unsigned char type, const void* value, char conversion) {
+[[gnu::always_inline]] inline bool putDecimal(text::Writer& w, unsigned char type, const void* value) {
     uint64_t magnitude;
     bool negative = false;
     switch (type) {
@@ -331,12 +331,6 @@ bool putDecimal(text::Writer& w, unsigned char type, const void* value, char con
             break;
         default:
             return false;
-    }
-    switch (conversion) {
-        case 'x': case 'X': case 'o': case 'c':
-            return false;
-        default:
-            break;
     }
     if (negative) w.put('-');
     w.putUnsigned(magnitude);
@@ -364,6 +358,21 @@ inline bool containsLineEnd(const char* s, size_t n) {
     for (size_t i = 0; i < n; ++i)
         if (s[i] == '\n') return true;
     return false;
+}
+
+// An argument of a conversion without width or precision that prints
+// integers in decimal (not x, X, o or c), the short way: a text as it is, a
+// 32- or 64-bit integer in decimal. False, having written nothing, for
+// anything else; lineEnd tells whether a text held a line end.
+[[gnu::always_inline]] inline bool putPlainly(text::Writer& w, unsigned char type, const void* value, bool& lineEnd) {
+    if (type == ARG_STRING) {
+        const char* text = static_cast<const char*>(value);
+        const size_t n = std::strlen(text);
+        w.put(text, n);
+        lineEnd = containsLineEnd(text, n);
+        return true;
+    }
+    return putDecimal(w, type, value);
 }
 
 // Walks a format: literal(text, n) for the text to copy, conversion(spec)
@@ -401,15 +410,11 @@ bool putArgument(const LoggingEvent* event, unsigned index, ConversionSpec spec,
         return false;
     }
     const unsigned char type = event->argumentTypes[index];
-    if (spec.width == 0 && spec.precision < 0) {
-        if (type == ARG_STRING) {
-            const char* text = static_cast<const char*>(value);
-            const size_t n = std::strlen(text);
-            w.put(text, n);
-            return containsLineEnd(text, n);
-        }
-        if (putDecimal(w, type, value, spec.conversion)) return false;
-    }
+    bool lineEnd = false;
+    const bool radixOrCharacter =
+        spec.conversion == 'x' || spec.conversion == 'X' || spec.conversion == 'o' || spec.conversion == 'c';
+    if (spec.width == 0 && spec.precision < 0 && !radixOrCharacter && putPlainly(w, type, value, lineEnd))
+        return lineEnd;
     std::string& out = w.string();
     const size_t start = out.size();
     appendArgument(out, type, value, spec);
@@ -429,29 +434,11 @@ bool isPlain(const ConversionSpec& spec) {
 
 // Argument `index` of a plain conversion: a text as it is, an integer in
 // decimal, anything else as putArgument prints it.
-bool putPlainArgument(const LoggingEvent* event, unsigned index, char conversion, text::Writer& w) {
+[[gnu::always_inline]] inline bool putPlainArgument(const LoggingEvent* event, unsigned index, char conversion,
+                                                    text::Writer& w) {
     const void* value = event->argumentValues[index];
-    if (value) {
-        switch (event->argumentTypes[index]) {
-            case ARG_STRING: {
-                const char* text = static_cast<const char*>(value);
-                const size_t n = std::strlen(text);
-                w.put(text, n);
-                return containsLineEnd(text, n);
-            }
-            case ARG_INT32: {
-                const int32_t v = load<int32_t>(value);
-                if (v < 0) w.put('-');
-                w.putUnsigned(v < 0 ? 0 - static_cast<uint64_t>(static_cast<int64_t>(v)) : static_cast<uint64_t>(v));
-                return false;
-            }
-            case ARG_UINT32:
-                w.putUnsigned(load<uint32_t>(value));
-                return false;
-            default:
-                break;
-        }
-    }
+    bool lineEnd = false;
+    if (value && putPlainly(w, event->argumentTypes[index], value, lineEnd)) return lineEnd;
     ConversionSpec spec;
     spec.conversion = conversion;
     return putArgument(event, index, spec, w);
