@@ -14,6 +14,7 @@
 
 #include "zvstd/Fatal.h"
 #include "zvstd/MultiThreadingInternal.h"
+#include "zvstd/MutexInline.h"
 
 #if defined(__x86_64__) || defined(__i386__)
 #include <immintrin.h>
@@ -23,23 +24,11 @@ namespace zvs::zvlib::MultiThreading {
 
 namespace {
 
-// Every lock and unlock asks for the caller's id, so it lives in static TLS.
-thread_local unsigned int tlsThreadId __attribute__((tls_model("initial-exec"))) = 0;
-
-inline unsigned int selfId() {
-    unsigned int id = tlsThreadId;
-    if (ZVLOG_UNLIKELY(id == 0)) {
-        id = static_cast<unsigned int>(::syscall(SYS_gettid));
-        tlsThreadId = id;
-    }
-    return id;
-}
-
 // The child of fork() is a new thread of a new process: it must not go on
 // answering with its parent's id.
 struct ForkGuard {
     ForkGuard() {
-        ::pthread_atfork(nullptr, nullptr, [] { tlsThreadId = 0; });
+        ::pthread_atfork(nullptr, nullptr, [] { detail::tlsThreadId = 0; });
     }
 } forkGuard;
 
@@ -58,6 +47,21 @@ inline void cpuRelax() {
 constexpr unsigned long kMaxTimeoutMs = 1ul << 40;
 
 }  // namespace
+
+namespace detail {
+
+thread_local unsigned int tlsThreadId __attribute__((tls_model("initial-exec"))) = 0;
+
+unsigned int fetchThreadId() {
+    const auto id = static_cast<unsigned int>(::syscall(SYS_gettid));
+    tlsThreadId = id;
+    return id;
+}
+
+}  // namespace detail
+
+using detail::MutexAccess;
+using detail::selfId;
 
 unsigned int currentThreadId() { return selfId(); }
 
@@ -84,24 +88,8 @@ Mutex::Mutex(Mode mode) : mode_(mode) {}
 
 Mutex::~Mutex() = default;
 
-// The lock is a futex word: taking a free lock is one compare-and-swap,
-// releasing it one exchange, and only contention reaches the kernel.
-//
-// The owner word is only ever set to the caller's own id by the caller, so a
-// relaxed read that finds the caller's id is exact: nobody else can have put
-// it there.
-void Mutex::lock() {
-    const unsigned int self = selfId();
-    if (ZVLOG_UNLIKELY(owner_.load(std::memory_order_relaxed) == self)) {
-        if (mode_ == NonRecursive) zvFatalSystemError(36, "zvs::zvlib::MultiThreading::Mutex::lock");
-        ++count_;
-        return;
-    }
-    int expected = 0;
-    if (ZVLOG_UNLIKELY(!state_.compare_exchange_strong(expected, 1, std::memory_order_acquire))) lockContended();
-    owner_.store(self, std::memory_order_relaxed);
-    count_ = 1;
-}
+// Lock, unlock and the owner test are in MutexInline.h.
+void Mutex::lock() { MutexAccess::lock(*this); }
 
 void Mutex::lockContended() {
     // A short spin first: holders keep the lock for a few hundred cycles.
@@ -134,17 +122,9 @@ bool Mutex::tryLock() {
     return true;
 }
 
-// Only the holder may unlock; the count is the holder's own.
-void Mutex::unlock() {
-    if (--count_ == 0) {
-        owner_.store(0, std::memory_order_relaxed);
-        if (ZVLOG_UNLIKELY(state_.exchange(0, std::memory_order_release) == 2)) wakeOne();
-    }
-}
+void Mutex::unlock() { MutexAccess::unlock(*this); }
 
-bool Mutex::heldByCurrentThread() const {
-    return owner_.load(std::memory_order_relaxed) == selfId();
-}
+bool Mutex::heldByCurrentThread() const { return MutexAccess::held(*this); }
 
 // ---------------------------------------------------------------- Event
 //

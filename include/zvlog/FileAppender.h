@@ -84,12 +84,8 @@ protected:
     // close, flush, the exit flush and the delivery thread.
     class FileHold {
     public:
-        explicit FileHold(FileAppender& a) : m_(a.mutex()), took_(!m_.heldByCurrentThread()) {
-            if (took_) m_.lock();
-        }
-        ~FileHold() {
-            if (took_) m_.unlock();
-        }
+        explicit FileHold(FileAppender& a);
+        ~FileHold();
         FileHold(const FileHold&) = delete;
         FileHold& operator=(const FileHold&) = delete;
 

@@ -18,6 +18,10 @@ ZVLOG_API unsigned int currentThreadId();
 using TraceHook = void (*)(unsigned char level, const char* function, const char* text);
 ZVLOG_API void setTraceHook(TraceHook hook);
 
+namespace detail {
+struct MutexAccess;
+}
+
 // A lock with an owner. In mode NonRecursive a second lock by the holder is a
 // fatal error (code 36); in mode Recursive the holder may lock again.
 class ZVLOG_API Mutex {
@@ -36,6 +40,7 @@ public:
     Mode mode() const { return mode_; }
 
 private:
+    friend struct detail::MutexAccess;  // the library's inline lock and unlock
     void lockContended();
     void wakeOne();
 

@@ -14,6 +14,7 @@
 #include "zvlog/core/Library.h"
 #include "zvlog/core/RawDelivery.h"
 #include "zvlog/core/ThreadRecord.h"
+#include "zvstd/MutexInline.h"
 
 namespace zvs::zvlib::zvlog {
 
@@ -161,7 +162,7 @@ void Appender::deliver(const LoggingEvent* event) {
         if (q->push(*event)) q->wake.set();
         return;
     }
-    MutexLock lock(mutex_);
+    MultiThreading::detail::InlineMutexLock lock(mutex_);
     append(event);
     countIssued(1);
 }

@@ -10,6 +10,7 @@
 #include "zvlog/msg/RaiseMessage.h"
 #include "zvstd/FileLock.h"
 #include "zvstd/LogFile.h"
+#include "zvstd/MutexInline.h"
 
 namespace zvs::zvlib::zvlog {
 
@@ -156,6 +157,15 @@ void FileAppender::closeFile() {
 void FileAppender::flush() {
     FileHold hold(*this);
     flushBuffer(followRenames_);
+}
+
+FileAppender::FileHold::FileHold(FileAppender& a)
+    : m_(a.mutex()), took_(!MultiThreading::detail::MutexAccess::held(m_)) {
+    if (took_) MultiThreading::detail::MutexAccess::lock(m_);
+}
+
+FileAppender::FileHold::~FileHold() {
+    if (took_) MultiThreading::detail::MutexAccess::unlock(m_);
 }
 
 void FileAppender::write(const void* data, unsigned long long length) {

@@ -6,6 +6,7 @@
 
 #include "zvlog/Appender.h"
 #include "zvlog/core/Library.h"
+#include "zvstd/MutexInline.h"
 
 namespace zvs::zvlib::zvlog {
 
@@ -142,7 +143,7 @@ void Logger::doAppend(const LoggingEvent* event) {
         // load leaves are used, so that no event falls between two
         // configurations.
         if (current->appenderCount_.load(std::memory_order_acquire) != 0 || ZVLOG_UNLIKELY(reconfiguring())) {
-            MutexLock lock(current->mutex_);
+            MultiThreading::detail::InlineMutexLock lock(current->mutex_);
             for (Appender* a : current->appenders_) {
                 if (a->isEnabled() && level >= a->getThreshold() &&
                     a->getDeliveryMode() == Appender::DELIVERY_DIRECT)

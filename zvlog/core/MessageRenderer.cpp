@@ -304,10 +304,10 @@ void appendArgument(std::string& out, unsigned char type, const void* value, con
 }
 
 
-// A 32- or 64-bit integer printed in decimal without width or precision,
-// straight through the writer; false for anything else, which goes through
-// appendArgument on the string.
-[[gnu::always_inline]] inline bool putDecimal(text::Writer& w, unsigned char type, const void* value) {
+// A 32- or 64-bit integer in decimal without width or precision, written at
+// p, which has FormatPlan::kDecimalRoom bytes of room; returns the end of
+// what was written, or null, having written nothing, for any other type.
+[[gnu::always_inline]] inline char* writeDecimal(char* p, unsigned char type, const void* value) {
     uint64_t magnitude;
     bool negative = false;
     switch (type) {
@@ -330,10 +330,18 @@ void appendArgument(std::string& out, unsigned char type, const void* value, con
             magnitude = load<uint64_t>(value);
             break;
         default:
-            return false;
+            return nullptr;
     }
-    if (negative) w.put('-');
-    w.putUnsigned(magnitude);
+    *p = '-';
+    return text::writeDecimal(p + negative, magnitude);
+}
+
+// The same through the writer; false for anything else, which goes through
+// appendArgument on the string.
+[[gnu::always_inline]] inline bool putDecimal(text::Writer& w, unsigned char type, const void* value) {
+    char* end = writeDecimal(w.room(FormatPlan::kDecimalRoom), type, value);
+    if (!end) return false;
+    w.advance(end);
     return true;
 }
 
@@ -421,7 +429,7 @@ bool putArgument(const LoggingEvent* event, unsigned index, ConversionSpec spec,
     return std::memchr(out.data() + start, '\n', out.size() - start) != nullptr;
 }
 
-// Conversions whose argument prints through putPlainArgument.
+// Conversions whose text or integer argument renderPlanned prints directly.
 bool isPlain(const ConversionSpec& spec) {
     if (spec.width != 0 || spec.precision >= 0) return false;
     switch (spec.conversion) {
@@ -432,29 +440,84 @@ bool isPlain(const ConversionSpec& spec) {
     }
 }
 
-// Argument `index` of a plain conversion: a text as it is, an integer in
-// decimal, anything else as putArgument prints it.
-[[gnu::always_inline]] inline bool putPlainArgument(const LoggingEvent* event, unsigned index, char conversion,
-                                                    text::Writer& w) {
-    const void* value = event->argumentValues[index];
-    bool lineEnd = false;
-    if (value && putPlainly(w, event->argumentTypes[index], value, lineEnd)) return lineEnd;
-    ConversionSpec spec;
-    spec.conversion = conversion;
-    return putArgument(event, index, spec, w);
+// Renders a registered format from its plan. The room for the literal text,
+// the pad and the decimals is opened once and written through a plain
+// pointer; a text argument opens more when it does not fit.
+bool renderPlanned(const FormatPlan& plan, const LoggingEvent* event, unsigned count, text::Writer& w) {
+    bool lineEnd = plan.literalLineEnd;
+    const char* const literal = plan.literal.data();
+    char* p = w.room(plan.room);
+    char* end = p + plan.room;
+    uint32_t at = 0;
+    unsigned next = 0;
+    // n bytes of the literal text at `at`; there is room for kPad more.
+    auto putLiteral = [&](uint32_t n) __attribute__((always_inline)) {
+        if (n <= text::Writer::kPad)
+            std::memcpy(p, literal + at, text::Writer::kPad);
+        else
+            std::memcpy(p, literal + at, n);
+        p += n;
+        at += n;
+    };
+    for (const FormatPlan::Conversion& c : plan.conversions) {
+        putLiteral(c.literalEnd - at);
+        if (ZVLOG_LIKELY(c.plain && next < count)) {
+            const void* value = event->argumentValues[next];
+            const unsigned char type = event->argumentTypes[next];
+            if (value && type == ARG_STRING) {
+                ++next;
+                const char* text = static_cast<const char*>(value);
+                const size_t n = std::strlen(text);
+                if (ZVLOG_UNLIKELY(static_cast<size_t>(end - p) < n + c.roomAfter)) {
+                    w.advance(p);
+                    p = w.room(n + c.roomAfter);
+                    end = p + n + c.roomAfter;
+                }
+                text::Writer::copy(p, text, n);
+                p += n;
+                if (containsLineEnd(text, n)) lineEnd = true;
+                continue;
+            }
+            if (value) {
+                if (char* written = writeDecimal(p, type, value)) {
+                    ++next;
+                    p = written;
+                    continue;
+                }
+            }
+        }
+        // Anything else prints through the writer.
+        w.advance(p);
+        if (next >= count) {
+            w.put("???", 3);
+        } else if (putArgument(event, next++, c.spec, w)) {
+            lineEnd = true;
+        }
+        p = w.room(c.roomAfter);
+        end = p + c.roomAfter;
+    }
+    putLiteral(plan.literalSize - at);
+    w.advance(p);
+    return lineEnd;
 }
 
 }  // namespace
 
 const FormatPlan* makeFormatPlan(const char* format) {
-    auto* plan = new FormatPlan{format, {}, 0, {}, false};
+    auto* plan = new FormatPlan{format, {}, 0, 0, {}, false};
     scanFormat(
         format, [&](const char* text, size_t n) { plan->literal.append(text, n); },
         [&](const ConversionSpec& spec) {
-            plan->conversions.push_back({static_cast<uint32_t>(plan->literal.size()), spec, isPlain(spec)});
+            plan->conversions.push_back({static_cast<uint32_t>(plan->literal.size()), spec, isPlain(spec), 0});
         });
     plan->literalLineEnd = plan->literal.find('\n') != std::string::npos;
     plan->literalSize = static_cast<uint32_t>(plan->literal.size());
+    uint32_t room = plan->literalSize + static_cast<uint32_t>(text::Writer::kPad);
+    for (auto c = plan->conversions.rbegin(); c != plan->conversions.rend(); ++c) {
+        c->roomAfter = room - c->literalEnd;
+        room += FormatPlan::kDecimalRoom;
+    }
+    plan->room = room;
     plan->literal.append(text::Writer::kPad, '\0');
     return plan;
 }
@@ -479,22 +542,7 @@ bool renderMessage(const LoggingEvent* event, text::Writer& w) {
     };
 
     const FormatPlan* plan = location.plan;
-    if (plan && plan->format == location.format) {
-        bool lineEnd = plan->literalLineEnd;
-        const char* literal = plan->literal.data();
-        uint32_t at = 0;
-        for (const FormatPlan::Conversion& c : plan->conversions) {
-            w.putPadded(literal + at, c.literalEnd - at);
-            at = c.literalEnd;
-            if (c.plain && next < count) {
-                if (putPlainArgument(event, next++, c.spec.conversion, w)) lineEnd = true;
-            } else if (argument(c.spec)) {
-                lineEnd = true;
-            }
-        }
-        w.putPadded(literal + at, plan->literalSize - at);
-        return lineEnd;
-    }
+    if (plan && plan->format == location.format) return renderPlanned(*plan, event, count, w);
 
     bool lineEnd = false;
     scanFormat(

@@ -405,7 +405,8 @@ void PatternLayout::format(const LoggingEvent* event, std::string& out) {
     const Caches::Step* const end = step + c.steps.size();
     if (head.steps != 0 && !replayedLogger_) {
         const EventAttributes& a = event->attributes;
-        const uint32_t millisecond = (a.time.tv_usec / 1000) % 1000;
+        // The microseconds' thousands: the printed millisecond, as a key.
+        const uint32_t millisecond = a.time.tv_usec / 1000;
         if (head.valid && head.second == a.time.tv_sec && head.millisecond == millisecond &&
             head.logger == a.loggerIndex && head.level == a.level) {
             w.putPadded<Caches::Head::kChunk>(head.text.data(), head.length);
@@ -434,7 +435,11 @@ void PatternLayout::format(const LoggingEvent* event, std::string& out) {
         w.putPadded(c.literals.data(), c.prefixLength);
     }
     for (; step != end; ++step) {
-        formatElement(step->element, step->kind, step->sized, event, w);
+        // The message, the usual step after the head, without the switch.
+        if (step->kind == 'm' && !step->sized)
+            formatElement(step->element, 'm', false, event, w);
+        else
+            formatElement(step->element, step->kind, step->sized, event, w);
         w.putPadded(step->after, step->afterLength);
     }
 }

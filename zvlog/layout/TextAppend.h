@@ -71,6 +71,33 @@ inline unsigned decimalDigits(uint64_t v) {
     return guess + ((v | 1) >= kPowers[guess] ? 1 : 0);
 }
 
+// Up to eight decimal digits of v < 10^8 as eight ASCII bytes in one word,
+// the first digit in the lowest byte: the two halves of four digits, then
+// the four pairs, then the eight digits are split side by side in the lanes
+// of one register, by multiplying with reciprocals.
+inline uint64_t eightDigits(uint32_t v) {
+    const uint32_t high = v / 10000;
+    const uint64_t halves = high | (uint64_t{v - high * 10000} << 32);          // 2 x 0..9999
+    const uint64_t hundreds = ((halves * 10486) >> 20) & 0x0000007F0000007Full;  // x / 100
+    const uint64_t pairs = hundreds | ((halves - hundreds * 100) << 16);        // 4 x 0..99
+    const uint64_t tens = ((pairs * 103) >> 10) & 0x000F000F000F000Full;         // x / 10
+    const uint64_t digits = tens | ((pairs - tens * 10) << 8);                  // 8 x 0..9
+    return digits + 0x3030303030303030ull;
+}
+
+// Writes v in decimal at p and returns the end; p must have 20 bytes of room
+// (a short number is stored as one word of eight bytes).
+inline char* writeDecimal(char* p, uint64_t v) {
+    const unsigned n = decimalDigits(v);
+    if (v < 100000000) {
+        const uint64_t word = eightDigits(static_cast<uint32_t>(v)) >> (8 * (8 - n));
+        std::memcpy(p, &word, 8);
+        return p + n;
+    }
+    writeDecimalBackwards(p + n, v);
+    return p + n;
+}
+
 inline void appendUnsigned(std::string& out, uint64_t v) {
     char buf[20];
     char* first = writeDecimalBackwards(buf + sizeof buf, v);
@@ -202,12 +229,7 @@ public:
     }
     // The digits go straight to their place: written into a buffer and
     // copied, they would be read back before the processor has stored them.
-    void putUnsigned(uint64_t v) {
-        const unsigned n = decimalDigits(v);
-        char* p = room(n);
-        writeDecimalBackwards(p + n, v);
-        p_ = p + n;
-    }
+    void putUnsigned(uint64_t v) { p_ = writeDecimal(room(20), v); }
 
     // Copies n bytes. The pieces of a line are mostly shorter than 32 bytes:
     // two overlapping loads and stores copy them without a call.
