@@ -50,7 +50,7 @@ constexpr unsigned long kMaxTimeoutMs = 1ul << 40;
 
 namespace detail {
 
-thread_local unsigned int tlsThreadId __attribute__((tls_model("initial-exec"))) = 0;
+constinit thread_local unsigned int tlsThreadId __attribute__((tls_model("initial-exec"))) = 0;
 
 unsigned int fetchThreadId() {
     const auto id = static_cast<unsigned int>(::syscall(SYS_gettid));

@@ -9,7 +9,7 @@
 namespace zvs::zvlib::MultiThreading::detail {
 
 // The caller's id lives in static TLS: every lock and unlock asks for it.
-extern thread_local unsigned int tlsThreadId __attribute__((tls_model("initial-exec")));
+extern constinit thread_local unsigned int tlsThreadId __attribute__((tls_model("initial-exec")));
 // Asks the system for the caller's id and keeps it.
 [[gnu::noinline]] unsigned int fetchThreadId();
 
@@ -62,6 +62,23 @@ public:
 
 private:
     Mutex& m_;
+};
+
+// Holds the mutex unless the calling thread holds it already.
+class InlineMutexHold {
+public:
+    [[gnu::always_inline]] explicit InlineMutexHold(Mutex& m) : m_(m), took_(!MutexAccess::held(m)) {
+        if (took_) MutexAccess::lock(m_);
+    }
+    [[gnu::always_inline]] ~InlineMutexHold() {
+        if (took_) MutexAccess::unlock(m_);
+    }
+    InlineMutexHold(const InlineMutexHold&) = delete;
+    InlineMutexHold& operator=(const InlineMutexHold&) = delete;
+
+private:
+    Mutex& m_;
+    bool took_;
 };
 
 }  // namespace zvs::zvlib::MultiThreading::detail

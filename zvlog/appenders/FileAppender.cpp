@@ -206,7 +206,8 @@ void FileAppender::append(const LoggingEvent* event) {
         WriterAppender::append(event);
         return;
     }
-    FileHold hold(*this);
+    // FileHold, inline.
+    MultiThreading::detail::InlineMutexHold hold(mutex());
     if (fd_ < 0) activateOptions();
     if (fd_ < 0) return;
     const size_t at = buffer_.size();
