@@ -87,6 +87,22 @@ TEST(MessageRenderer, EveryDigitCountAndEveryPieceLengthExactly) {
     }
 }
 
+namespace {
+
+// The event rendered as the library renders the events of a call site it
+// registered: from the format read once, ahead of the event.
+std::string renderedRegistered(const char* format, const LoggingEvent& event) {
+    static unsigned short line = 3000;
+    const EventAttributes registered(format, "RegisteredFormats.cpp", "test", ++line,
+                                     static_cast<unsigned short>(detail::countConversions(format)), 0, 100);
+    EXPECT_NE(registered.location->plan, nullptr);
+    LoggingEvent copy = event;
+    copy.attributes.location = registered.location;
+    return rendered(copy);
+}
+
+}  // namespace
+
 // The library reads the formats of the records it registers once, ahead of
 // their events; the text must not change by it.
 TEST(MessageRenderer, RegisteredFormatsRenderAsTheyRead) {
@@ -116,6 +132,19 @@ TEST(MessageRenderer, RegisteredFormatsRenderAsTheyRead) {
              b.i32(INT32_MIN).i32(-7).i32(-5).u32(UINT32_MAX).i64(INT64_MIN).u64(UINT64_MAX).i16(-3).i32(42).str("text");
          }},
         {"%s|%s", [](EventBuilder& b) { b.str("a\nb").u16(65535); }},
+        // Texts longer than the room a format opens for itself, alone, among
+        // decimals of full length, and between conversions printed the long
+        // way (which reopen the room behind them).
+        {"%s", [](EventBuilder& b) { b.str(std::string(300, 'L')); }},
+        {"%s|%s|%s|%d|%u", [](EventBuilder& b) {
+             b.str(std::string(100, 'a')).str("b").str(std::string(1000, 'c')).i64(INT64_MIN).u64(UINT64_MAX);
+         }},
+        {"%5d%s%x%s%-3s%d.", [](EventBuilder& b) {
+             b.i32(42).str(std::string(37, 'm')).u32(0xbeef).str(std::string(200, 'n')).str("z").i32(-1);
+         }},
+        {"%s%s%s%s%s%s%s%s%s%s%s%s%s%s%s%s", [](EventBuilder& b) {
+             for (int i = 0; i < 16; ++i) b.str(std::string(static_cast<size_t>(i * 7), static_cast<char>('a' + i)));
+         }},
     };
     unsigned short line = 1000;
     for (const Case& c : cases) {
@@ -143,8 +172,9 @@ TEST(MessageRenderer, RegisteredFormatsRenderAsTheyRead) {
     }
 }
 
-// Decimal digits are written two at a time, in 64-bit arithmetic above 32
-// bits and in 32-bit below: every digit count and both sides of the change.
+// Numbers below 10^8 are split into digits in one register, larger ones two
+// digits at a time (in 32-bit arithmetic below 2^32): every digit count and
+// both sides of each change, from a format read anew and from one read ahead.
 TEST(MessageRenderer, DecimalsOfEveryLength) {
     std::vector<uint64_t> values = {0, 9, 10, 99, 100, 0xffffffffull, 0x100000000ull, UINT64_MAX};
     for (uint64_t p = 1; p <= 10000000000000000000ull / 10; p *= 10) {
@@ -157,6 +187,7 @@ TEST(MessageRenderer, DecimalsOfEveryLength) {
         b.u64(v).i64(-static_cast<int64_t>(v & 0x7fffffffffffffffull));
         const std::string negative = (v & 0x7fffffffffffffffull) ? "-" + std::to_string(v & 0x7fffffffffffffffull) : "0";
         EXPECT_EQ(rendered(b.event()), std::to_string(v) + "|" + negative) << v;
+        EXPECT_EQ(renderedRegistered("%u|%d", b.event()), std::to_string(v) + "|" + negative) << v;
     }
 }
 
