@@ -433,7 +433,9 @@ namespace {
 
 }  // namespace
 
-unsigned short LogBufferImpl::addEvent(const LoggingEvent* event) {
+unsigned short LogBufferImpl::addEvent(const LoggingEvent* event) { return beginEvent(event); }
+
+[[gnu::always_inline]] inline unsigned short LogBufferImpl::beginEvent(const LoggingEvent* event) {
     State& s = *state_;
     if (ZVLOG_UNLIKELY(s.expected != 0)) {
         reportMisorderedEvent(__LINE__);
@@ -575,6 +577,16 @@ constexpr FixedSizes kFixedSizes;
 // counts as written until the end, so an argument the pass cannot take sends
 // the whole event to the careful path, which starts over at the same place.
 void LogBufferImpl::addArguments(const detail::ArgRef* args, unsigned short count, LoggingEvent& event) {
+    putArguments(args, count, event);
+}
+
+void LogBufferImpl::addEventWithArguments(LoggingEvent& event, const detail::ArgRef* args, unsigned short count) {
+    beginEvent(&event);
+    putArguments(args, count, event);
+}
+
+[[gnu::always_inline]] inline void LogBufferImpl::putArguments(const detail::ArgRef* args, unsigned short count,
+                                                               LoggingEvent& event) {
     State& s = *state_;
     event.argumentCount = count;
     // The same margin addArgument keeps after each argument.

@@ -127,8 +127,7 @@ void logEvent(Logger* logger, unsigned char level, CallSite& site, const char* f
     a.locationKey = key;
 
     LogBufferImpl* buffer = threadBuffer(thread);
-    buffer->addEvent(&event);
-    buffer->addArguments(args, count, event);
+    buffer->addEventWithArguments(event, args, count);
     event.bufferBase = buffer->blockBase();
     event.bufferOffset = buffer->eventOffset();
     event.bufferLength = buffer->writeOffset() - event.bufferOffset;
