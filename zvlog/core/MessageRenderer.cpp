@@ -37,18 +37,14 @@
 #include "zvlog/layout/TextAppend.h"
 
 namespace zvs::zvlib::zvlog {
+
+using namespace render;
+
 namespace {
 
 using detail::ConversionSpec;
 
 constexpr const char* kTimeArgumentFormat = "%Y-%m-%d %a %Z %H:%M:%S";
-
-template <class T>
-T load(const void* p) {
-    T v;
-    std::memcpy(&v, p, sizeof v);
-    return v;
-}
 
 bool isKnownConversion(char c) {
     switch (c) {
@@ -304,70 +300,6 @@ void appendArgument(std::string& out, unsigned char type, const void* value, con
 }
 
 
-// A 32- or 64-bit integer in decimal without width or precision, written at
-// p, which has FormatPlan::kDecimalRoom bytes of room; returns the end of
-// what was written, or null, having written nothing, for any other type.
-[[gnu::always_inline]] inline char* writeDecimal(char* p, unsigned char type, const void* value) {
-    uint64_t magnitude;
-    bool negative = false;
-    switch (type) {
-        case ARG_INT32: {
-            const int32_t v = load<int32_t>(value);
-            negative = v < 0;
-            magnitude = negative ? 0 - static_cast<uint64_t>(static_cast<int64_t>(v)) : static_cast<uint64_t>(v);
-            break;
-        }
-        case ARG_UINT32:
-            magnitude = load<uint32_t>(value);
-            break;
-        case ARG_INT64: {
-            const int64_t v = load<int64_t>(value);
-            negative = v < 0;
-            magnitude = negative ? 0 - static_cast<uint64_t>(v) : static_cast<uint64_t>(v);
-            break;
-        }
-        case ARG_UINT64:
-            magnitude = load<uint64_t>(value);
-            break;
-        default:
-            return nullptr;
-    }
-    *p = '-';
-    return text::writeDecimal(p + negative, magnitude);
-}
-
-// The same through the writer; false for anything else, which goes through
-// appendArgument on the string.
-[[gnu::always_inline]] inline bool putDecimal(text::Writer& w, unsigned char type, const void* value) {
-    char* end = writeDecimal(w.room(FormatPlan::kDecimalRoom), type, value);
-    if (!end) return false;
-    w.advance(end);
-    return true;
-}
-
-// Whether n bytes at s hold a line end. Short texts, the usual case, are
-// read as one or two words instead of through a call.
-inline bool containsLineEnd(const char* s, size_t n) {
-    if (n > 16) return std::memchr(s, '\n', n) != nullptr;
-    if (n >= 8) {
-        auto hasLineEnd = [](uint64_t word) {
-            const uint64_t x = word ^ 0x0a0a0a0a0a0a0a0aull;
-            return ((x - 0x0101010101010101ull) & ~x & 0x8080808080808080ull) != 0;
-        };
-        return hasLineEnd(load<uint64_t>(s)) || hasLineEnd(load<uint64_t>(s + n - 8));
-    }
-    if (n >= 4) {
-        auto hasLineEnd = [](uint32_t word) {
-            const uint32_t x = word ^ 0x0a0a0a0au;
-            return ((x - 0x01010101u) & ~x & 0x80808080u) != 0;
-        };
-        return hasLineEnd(load<uint32_t>(s)) || hasLineEnd(load<uint32_t>(s + n - 4));
-    }
-    for (size_t i = 0; i < n; ++i)
-        if (s[i] == '\n') return true;
-    return false;
-}
-
 // An argument of a conversion without width or precision that prints
 // integers in decimal (not x, X, o or c), the short way: a text as it is, a
 // 32- or 64-bit integer in decimal. False, having written nothing, for
@@ -404,8 +336,10 @@ void scanFormat(const char* p, Literal&& literal, Conversion&& conversion) {
     }
 }
 
-// Writes argument `index` of the event as the conversion asks; returns
-// whether the text may hold a line end.
+}  // namespace
+
+namespace render {
+
 bool putArgument(const LoggingEvent* event, unsigned index, ConversionSpec spec, text::Writer& w) {
     if (!isKnownConversion(spec.conversion)) {
         const char text[4] = {'%', '?', spec.conversion, '?'};
@@ -429,6 +363,10 @@ bool putArgument(const LoggingEvent* event, unsigned index, ConversionSpec spec,
     return std::memchr(out.data() + start, '\n', out.size() - start) != nullptr;
 }
 
+}  // namespace render
+
+namespace {
+
 // Conversions whose text or integer argument renderPlanned prints directly.
 bool isPlain(const ConversionSpec& spec) {
     if (spec.width != 0 || spec.precision >= 0) return false;
@@ -438,67 +376,6 @@ bool isPlain(const ConversionSpec& spec) {
         default:
             return false;
     }
-}
-
-// Renders a registered format from its plan. The room for the literal text,
-// the pad and the decimals is opened once and written through a plain
-// pointer; a text argument opens more when it does not fit.
-bool renderPlanned(const FormatPlan& plan, const LoggingEvent* event, unsigned count, text::Writer& w) {
-    bool lineEnd = plan.literalLineEnd;
-    const char* const literal = plan.literal.data();
-    char* p = w.room(plan.room);
-    char* end = p + plan.room;
-    uint32_t at = 0;
-    unsigned next = 0;
-    // n bytes of the literal text at `at`; there is room for kPad more.
-    auto putLiteral = [&](uint32_t n) __attribute__((always_inline)) {
-        if (n <= text::Writer::kPad)
-            std::memcpy(p, literal + at, text::Writer::kPad);
-        else
-            std::memcpy(p, literal + at, n);
-        p += n;
-        at += n;
-    };
-    for (const FormatPlan::Conversion& c : plan.conversions) {
-        putLiteral(c.literalEnd - at);
-        if (ZVLOG_LIKELY(c.plain && next < count)) {
-            const void* value = event->argumentValues[next];
-            const unsigned char type = event->argumentTypes[next];
-            if (value && type == ARG_STRING) {
-                ++next;
-                const char* text = static_cast<const char*>(value);
-                const size_t n = std::strlen(text);
-                if (ZVLOG_UNLIKELY(static_cast<size_t>(end - p) < n + c.roomAfter)) {
-                    w.advance(p);
-                    p = w.room(n + c.roomAfter);
-                    end = p + n + c.roomAfter;
-                }
-                text::Writer::copy(p, text, n);
-                p += n;
-                if (containsLineEnd(text, n)) lineEnd = true;
-                continue;
-            }
-            if (value) {
-                if (char* written = writeDecimal(p, type, value)) {
-                    ++next;
-                    p = written;
-                    continue;
-                }
-            }
-        }
-        // Anything else prints through the writer.
-        w.advance(p);
-        if (next >= count) {
-            w.put("???", 3);
-        } else if (putArgument(event, next++, c.spec, w)) {
-            lineEnd = true;
-        }
-        p = w.room(c.roomAfter);
-        end = p + c.roomAfter;
-    }
-    putLiteral(plan.literalSize - at);
-    w.advance(p);
-    return lineEnd;
 }
 
 }  // namespace

@@ -364,7 +364,7 @@ void PatternLayout::parse() {
             if (location) putText(w, location->method);
             break;
         case 'm':
-            if (renderMessage(event, w)) {
+            if (renderMessageInline(event, w)) {
                 if (sized) padOrCutSlow(e, w.string(), start);
                 std::string& text = w.string();
                 if (std::memchr(text.data() + start, '\n', text.size() - start)) indentMessage(text, start, scratch_);
