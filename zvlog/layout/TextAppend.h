@@ -75,7 +75,7 @@ inline unsigned decimalDigits(uint64_t v) {
 // the first digit in the lowest byte: the two halves of four digits, then
 // the four pairs, then the eight digits are split side by side in the lanes
 // of one register, by multiplying with reciprocals.
-inline uint64_t eightDigits(uint32_t v) {
+[[gnu::always_inline]] inline uint64_t eightDigits(uint32_t v) {
     const uint32_t high = v / 10000;
     const uint64_t halves = high | (uint64_t{v - high * 10000} << 32);          // 2 x 0..9999
     const uint64_t hundreds = ((halves * 10486) >> 20) & 0x0000007F0000007Full;  // x / 100
@@ -87,7 +87,7 @@ inline uint64_t eightDigits(uint32_t v) {
 
 // Writes v in decimal at p and returns the end; p must have 20 bytes of room
 // (a short number is stored as one word of eight bytes).
-inline char* writeDecimal(char* p, uint64_t v) {
+[[gnu::always_inline]] inline char* writeDecimal(char* p, uint64_t v) {
     const unsigned n = decimalDigits(v);
     if (v < 100000000) {
         const uint64_t word = eightDigits(static_cast<uint32_t>(v)) >> (8 * (8 - n));
