@@ -139,6 +139,11 @@
 // id exactly once: a figure from a sink that lost or mangled records is
 // worthless) and delete it. Each case runs --reps times (3 by default) and
 // the tables show the medians (latency: the samples of every repetition).
+// Within a repetition the cases run one after the other, each for every
+// library in turn, the order of the libraries reversed every other
+// repetition: a peer's figure is taken within seconds of zvlog's,
+// and neither always runs first. (quill, whose backend thread polls until
+// the process ends, runs after all the others.)
 //
 //   bench_compare [--reps=N] [--scale=F] [--dir=DIR]
 //                 [--libs=zvlog,spdlog,quill,log4cxx,log4cplus]
@@ -1972,82 +1977,114 @@ int main(int argc, char** argv) {
             bool started = false;
             for (int rep = 0; rep < opt.reps; ++rep) {
                 const std::string r = "-" + std::to_string(rep);
-                for (size_t k = 0; k < contenders.size(); ++k) {
-                    Contender& c = *contenders[k];
-                    if (!opt.lib(c.name()) || c.keepsThread() != (phase == 1)) continue;
-                    if (phase == 1 && rep == 0) {
-                        if (!started) std::printf("started after the others' cases:\n");
-                        started = true;
-                        printSample(c);
-                    }
-                    const std::string who = c.name();
-                    if (opt.runs("disabled")) results.add("disabled", k, c.disabled(counts.disabled));
-                    if (opt.runs("format")) results.add("format", k, c.format(counts.format));
-                    // The synchronous file from 1, 2 (and 4) threads.
-                    for (int threads : {1, 2, 4}) {
-                        const bool wanted = threads == 1   ? opt.runs("file1") || threadCases
-                                            : threads == 2 ? opt.runs("file2") || threadCases
-                                                           : threadCases;
-                        if (!wanted || !c.hasSync()) continue;
-                        const std::string key = "file" + std::to_string(threads);
-                        const std::string path = tmp.file(who + "-sync" + std::to_string(threads) + r + ".log");
-                        const Timing t = c.fileSync(path, threads, counts.file / threads, Payload::Short);
-                        results.add(key, k, t.wall);
-                        results.add(key + "cpu", k, t.cpu);
-                        verifyAndRemove(c, path, threads * (counts.warm + counts.file / threads));
-                    }
-                    // The asynchronous file from 1 (2 and 4) threads.
-                    for (int threads : {1, 2, 4}) {
-                        const bool wanted = threads == 1 ? opt.runs("async") || threadCases : threadCases;
-                        if (!wanted) continue;
-                        const std::string key = "async" + std::to_string(threads);
-                        const std::string path = tmp.file(who + "-async" + std::to_string(threads) + r + ".log");
-                        const AsyncFigures a = c.fileAsync(path, threads, counts.async / threads, Payload::Short);
-                        results.add(key + "producer", k, a.producer);
-                        results.add(key + "cpu", k, a.producerCpu);
-                        results.add(key + "total", k, a.total);
-                        verifyAndRemove(c, path, threads * (counts.warm + counts.async / threads));
-                    }
-                    if (payloadCases) {
-                        for (const PayloadCase& pc : payloads) {
-                            const long n = eventsOf(pc.payload);
-                            const std::string key = pc.key;
-                            if (c.hasSync()) {
-                                const std::string path = tmp.file(who + "-" + key + "-sync" + r + ".log");
-                                const Timing t = c.fileSync(path, 1, n, pc.payload);
-                                results.add(key + "sync", k, t.wall);
-                                verifyAndRemove(c, path, counts.warm + n, pc.payload);
+                // Case by case, every library in turn (in the opposite order every
+                // other repetition): the figures of one case are taken close
+                // together, and no library always goes first.
+                for (int group = 0; group < 5; ++group) {
+                    for (size_t turn = 0; turn < contenders.size(); ++turn) {
+                        const size_t k = rep % 2 == 0 ? turn : contenders.size() - 1 - turn;
+                        Contender& c = *contenders[k];
+                        if (!opt.lib(c.name()) || c.keepsThread() != (phase == 1)) continue;
+                        if (phase == 1 && rep == 0 && group == 0) {
+                            if (!started) std::printf("started after the others' cases:\n");
+                            started = true;
+                            printSample(c);
+                        }
+                        const std::string who = c.name();
+                        switch (group) {
+                            case 0: {
+                                if (opt.runs("disabled"))
+                                    results.add("disabled", k, c.disabled(counts.disabled));
+                                if (opt.runs("format")) results.add("format", k, c.format(counts.format));
+                                break;
                             }
-                            const std::string path = tmp.file(who + "-" + key + "-async" + r + ".log");
-                            const AsyncFigures a = c.fileAsync(path, 1, n, pc.payload);
-                            results.add(key + "producer", k, a.producer);
-                            results.add(key + "total", k, a.total);
-                            verifyAndRemove(c, path, counts.warm + n, pc.payload);
+                            case 1: {
+                                // The synchronous file from 1, 2 (and 4) threads.
+                                for (int threads : {1, 2, 4}) {
+                                    const bool wanted = threads == 1   ? opt.runs("file1") || threadCases
+                                                        : threads == 2 ? opt.runs("file2") || threadCases
+                                                                       : threadCases;
+                                    if (!wanted || !c.hasSync()) continue;
+                                    const std::string key = "file" + std::to_string(threads);
+                                    const std::string path =
+                                        tmp.file(who + "-sync" + std::to_string(threads) + r + ".log");
+                                    const Timing t =
+                                        c.fileSync(path, threads, counts.file / threads, Payload::Short);
+                                    results.add(key, k, t.wall);
+                                    results.add(key + "cpu", k, t.cpu);
+                                    verifyAndRemove(c, path, threads * (counts.warm + counts.file / threads));
+                                }
+                                break;
+                            }
+                            case 2: {
+                                // The asynchronous file from 1 (2 and 4) threads.
+                                for (int threads : {1, 2, 4}) {
+                                    const bool wanted =
+                                        threads == 1 ? opt.runs("async") || threadCases : threadCases;
+                                    if (!wanted) continue;
+                                    const std::string key = "async" + std::to_string(threads);
+                                    const std::string path =
+                                        tmp.file(who + "-async" + std::to_string(threads) + r + ".log");
+                                    const AsyncFigures a =
+                                        c.fileAsync(path, threads, counts.async / threads, Payload::Short);
+                                    results.add(key + "producer", k, a.producer);
+                                    results.add(key + "cpu", k, a.producerCpu);
+                                    results.add(key + "total", k, a.total);
+                                    verifyAndRemove(c, path, threads * (counts.warm + counts.async / threads));
+                                }
+                                break;
+                            }
+                            case 3: {
+                                if (payloadCases) {
+                                    for (const PayloadCase& pc : payloads) {
+                                        const long n = eventsOf(pc.payload);
+                                        const std::string key = pc.key;
+                                        if (c.hasSync()) {
+                                            const std::string path =
+                                                tmp.file(who + "-" + key + "-sync" + r + ".log");
+                                            const Timing t = c.fileSync(path, 1, n, pc.payload);
+                                            results.add(key + "sync", k, t.wall);
+                                            verifyAndRemove(c, path, counts.warm + n, pc.payload);
+                                        }
+                                        const std::string path =
+                                            tmp.file(who + "-" + key + "-async" + r + ".log");
+                                        const AsyncFigures a = c.fileAsync(path, 1, n, pc.payload);
+                                        results.add(key + "producer", k, a.producer);
+                                        results.add(key + "total", k, a.total);
+                                        verifyAndRemove(c, path, counts.warm + n, pc.payload);
+                                    }
+                                }
+                                break;
+                            }
+                            case 4: {
+                                if (opt.runs("latency") && c.hasLatency()) {
+                                    const std::string path = tmp.file(who + "-latency" + r + ".log");
+                                    latencyTicks[k].reserve(
+                                        static_cast<size_t>(opt.reps * counts.bursts * kBurst));
+                                    c.latency(path, latencyTicks[k]);
+                                    verifyAndRemove(c, path, latencyEvents());
+                                    const OneCpu oneCpu;
+                                    if (oneCpu.pinned()) {
+                                        const std::string pinnedPath =
+                                            tmp.file(who + "-latency1cpu" + r + ".log");
+                                        latencyOneCpu[k].reserve(latencyTicks[k].capacity());
+                                        c.latency(pinnedPath, latencyOneCpu[k]);
+                                        verifyAndRemove(c, pinnedPath, latencyEvents());
+                                    }
+                                }
+                                break;
+                            }
                         }
                     }
-                    if (opt.runs("latency") && c.hasLatency()) {
-                        const std::string path = tmp.file(who + "-latency" + r + ".log");
-                        latencyTicks[k].reserve(static_cast<size_t>(opt.reps * counts.bursts * kBurst));
-                        c.latency(path, latencyTicks[k]);
-                        verifyAndRemove(c, path, latencyEvents());
-                        const OneCpu oneCpu;
-                        if (oneCpu.pinned()) {
-                            const std::string pinnedPath = tmp.file(who + "-latency1cpu" + r + ".log");
-                            latencyOneCpu[k].reserve(latencyTicks[k].capacity());
-                            c.latency(pinnedPath, latencyOneCpu[k]);
-                            verifyAndRemove(c, pinnedPath, latencyEvents());
-                        }
-                    }
-                }
-                if (phase == 0) {
-                    if (opt.runs("file1")) {
+                    // The floors, next to the cases they bound.
+                    if (phase == 0 && group == 1 && opt.runs("file1")) {
                         const std::string path = tmp.file("floor-write" + r + ".log");
                         floorWrite.push_back(writeFloor(path, counts.file, false).wall);
                         verifyAndRemove(*contenders[0], path, counts.warm + counts.file);
                         floorSplit.push_back(writeFloor(path, counts.file, true).wall);
                         verifyAndRemove(*contenders[0], path, counts.warm + counts.file);
                     }
-                    if (opt.runs("async") && opt.lib("zvlog")) {
+                    if (phase == 0 && group == 2 && opt.runs("async") && opt.lib("zvlog")) {
                         floorEncode.push_back(encodeFloor(counts.async));
                         floorLock.push_back(lockFloor(counts.async));
                     }
