@@ -7,9 +7,11 @@
 //
 // Besides running clean under the sanitizers, the text must be the same
 // whether rendered into an empty string, appended to a string that holds
-// text already, or written by a pattern layout's "%m"; a format without "%"
-// renders as itself.
+// text already, or written by a pattern layout's "%m", and whether the format
+// is read for the event or was read ahead (as for a registered call site); a
+// format without "%" renders as itself.
 #include <cstdint>
+#include <memory>
 #include <string>
 
 #include "FuzzArguments.h"
@@ -17,6 +19,7 @@
 #include "FuzzInput.h"
 #include "zvlog/Layout.h"
 #include "zvlog/LoggingEvent.h"
+#include "zvlog/core/FormatPlan.h"
 
 using namespace zvs::zvlib::zvlog;
 
@@ -39,12 +42,25 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     ZVFUZZ_CHECK(appended == before + alone);
     if (format.find('%') == std::string::npos) ZVFUZZ_CHECK(alone == format);
 
+    const std::unique_ptr<const FormatPlan> plan(makeFormatPlan(format.c_str()));
+    LocationRecord registered = *event.attributes.location;
+    registered.format = format.c_str();
+    registered.plan = plan.get();
+    LoggingEvent planned = event;
+    planned.attributes.location = &registered;
+    std::string readAhead = before;
+    renderMessage(&planned, readAhead);
+    ZVFUZZ_CHECK(readAhead == before + alone);
+
     // "%m" indents the lines of a multi-line message; a one-line message is
     // written as it is.
     if (alone.find('\n') == std::string::npos) {
         static PatternLayout* layout = new PatternLayout("%m");
         std::string laidOut;
         layout->format(&event, laidOut);
+        ZVFUZZ_CHECK(laidOut == alone);
+        laidOut.clear();
+        layout->format(&planned, laidOut);
         ZVFUZZ_CHECK(laidOut == alone);
     }
     return 0;

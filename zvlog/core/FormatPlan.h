@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "zvlog/Export.h"
 #include "zvlog/FormatScan.h"
 
 namespace zvs::zvlib::zvlog {
@@ -35,8 +36,9 @@ struct FormatPlan {
     bool literalLineEnd;  // the literal text holds a line end
 };
 
-// Reads a format (not null). Plans are made for records that live as long as
-// the process and are never freed.
-const FormatPlan* makeFormatPlan(const char* format);
+// Reads a format (not null). The library makes plans for records that live
+// as long as the process and never frees them; a test that makes one may
+// delete it. Exported for the tests.
+ZVLOG_API const FormatPlan* makeFormatPlan(const char* format);
 
 }  // namespace zvs::zvlib::zvlog
