@@ -50,6 +50,13 @@ struct MutexAccess {
     [[gnu::always_inline]] static bool held(const Mutex& m) {
         return m.owner_.load(std::memory_order_relaxed) == selfId();
     }
+
+    // Locks m unless the calling thread holds it already; true when it did.
+    [[gnu::always_inline]] static bool lockUnlessHeld(Mutex& m) {
+        if (held(m)) return false;
+        lock(m);
+        return true;
+    }
 };
 
 // MutexLock with the lock and unlock inline.
@@ -67,9 +74,7 @@ private:
 // Holds the mutex unless the calling thread holds it already.
 class InlineMutexHold {
 public:
-    [[gnu::always_inline]] explicit InlineMutexHold(Mutex& m) : m_(m), took_(!MutexAccess::held(m)) {
-        if (took_) MutexAccess::lock(m_);
-    }
+    [[gnu::always_inline]] explicit InlineMutexHold(Mutex& m) : m_(m), took_(MutexAccess::lockUnlessHeld(m)) {}
     [[gnu::always_inline]] ~InlineMutexHold() {
         if (took_) MutexAccess::unlock(m_);
     }

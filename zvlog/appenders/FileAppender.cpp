@@ -160,9 +160,7 @@ void FileAppender::flush() {
 }
 
 FileAppender::FileHold::FileHold(FileAppender& a)
-    : m_(a.mutex()), took_(!MultiThreading::detail::MutexAccess::held(m_)) {
-    if (took_) MultiThreading::detail::MutexAccess::lock(m_);
-}
+    : m_(a.mutex()), took_(MultiThreading::detail::MutexAccess::lockUnlessHeld(m_)) {}
 
 FileAppender::FileHold::~FileHold() {
     if (took_) MultiThreading::detail::MutexAccess::unlock(m_);
@@ -206,7 +204,7 @@ void FileAppender::append(const LoggingEvent* event) {
         WriterAppender::append(event);
         return;
     }
-    // FileHold, inline.
+    // What FileHold does, inline on the path every record takes.
     MultiThreading::detail::InlineMutexHold hold(mutex());
     if (fd_ < 0) activateOptions();
     if (fd_ < 0) return;

@@ -403,33 +403,26 @@ const FormatPlan* makeFormatPlan(const char* format) {
 // format's pieces and the text arguments), not by searching the output:
 // reading back bytes just stored in small pieces stalls the processor.
 bool renderMessage(const LoggingEvent* event, text::Writer& w) {
-    if (!event || !event->attributes.location) return false;
-    const LocationRecord& location = *event->attributes.location;
-    if (!location.format) return false;
-    const unsigned count =
-        event->argumentCount < LoggingEvent::kMaxArguments ? event->argumentCount : LoggingEvent::kMaxArguments;
+    if (!event) return false;
+    const unsigned count = argumentsOf(*event);
+    if (const FormatPlan* plan = planOf(*event)) return renderPlanned(*plan, event, count, w);
+    const LocationRecord* location = event->attributes.location;
+    if (!location || !location->format) return false;
+
     unsigned next = 0;
-    // A conversion with no argument left prints "???".
-    auto argument = [&](const ConversionSpec& spec) {
-        if (next >= count) {
-            w.put("???", 3);
-            return false;
-        }
-        return putArgument(event, next++, spec, w);
-    };
-
-    const FormatPlan* plan = location.plan;
-    if (plan && plan->format == location.format) return renderPlanned(*plan, event, count, w);
-
     bool lineEnd = false;
     scanFormat(
-        location.format,
+        location->format,
         [&](const char* text, size_t n) __attribute__((always_inline)) {
             if (!lineEnd && containsLineEnd(text, n)) lineEnd = true;
             w.put(text, n);
         },
         [&](const ConversionSpec& spec) {
-            if (argument(spec)) lineEnd = true;
+            // A conversion with no argument left prints "???".
+            if (next >= count)
+                w.put("???", 3);
+            else if (putArgument(event, next++, spec, w))
+                lineEnd = true;
         });
     return lineEnd;
 }

@@ -35,7 +35,7 @@ T load(const void* p) {
 // A 32- or 64-bit integer in decimal without width or precision, written at
 // p, which has FormatPlan::kDecimalRoom bytes of room; returns the end of
 // what was written, or null, having written nothing, for any other type.
-[[gnu::always_inline]] inline char* writeDecimal(char* p, unsigned char type, const void* value) {
+[[gnu::always_inline]] inline char* writeInteger(char* p, unsigned char type, const void* value) {
     uint64_t magnitude;
     bool negative = false;
     switch (type) {
@@ -67,7 +67,7 @@ T load(const void* p) {
 // The same through the writer; false for anything else, which goes through
 // appendArgument on the string.
 [[gnu::always_inline]] inline bool putDecimal(text::Writer& w, unsigned char type, const void* value) {
-    char* end = writeDecimal(w.room(FormatPlan::kDecimalRoom), type, value);
+    char* end = writeInteger(w.room(FormatPlan::kDecimalRoom), type, value);
     if (!end) return false;
     w.advance(end);
     return true;
@@ -96,10 +96,24 @@ inline bool containsLineEnd(const char* s, size_t n) {
     return false;
 }
 
+// The plan an event renders from: its record's, while the record still
+// points at the format the plan was read from; null otherwise.
+inline const FormatPlan* planOf(const LoggingEvent& event) {
+    const LocationRecord* location = event.attributes.location;
+    if (!location || !location->plan || location->plan->format != location->format) return nullptr;
+    return location->plan;
+}
+
+// The arguments a message renders: at most LoggingEvent::kMaxArguments.
+inline unsigned argumentsOf(const LoggingEvent& event) {
+    return event.argumentCount < LoggingEvent::kMaxArguments ? event.argumentCount : LoggingEvent::kMaxArguments;
+}
+
 // Renders a registered format from its plan. The room for the literal text,
 // the pad and the decimals is opened once and written through a plain
 // pointer; a text argument opens more when it does not fit.
-[[gnu::always_inline]] inline bool renderPlanned(const FormatPlan& plan, const LoggingEvent* event, unsigned count, text::Writer& w) {
+[[gnu::always_inline]] inline bool renderPlanned(const FormatPlan& plan, const LoggingEvent* event, unsigned count,
+                                                 text::Writer& w) {
     bool lineEnd = plan.literalLineEnd;
     const char* const literal = plan.literal.data();
     char* p = w.room(plan.room);
@@ -135,7 +149,7 @@ inline bool containsLineEnd(const char* s, size_t n) {
                 continue;
             }
             if (value) {
-                if (char* written = writeDecimal(p, type, value)) {
+                if (char* written = writeInteger(p, type, value)) {
                     ++next;
                     p = written;
                     continue;
@@ -161,12 +175,8 @@ inline bool containsLineEnd(const char* s, size_t n) {
 
 // renderMessage, with a registered format rendered inline.
 [[gnu::always_inline]] inline bool renderMessageInline(const LoggingEvent* event, text::Writer& w) {
-    const LocationRecord* location = event->attributes.location;
-    if (ZVLOG_LIKELY(location && location->plan && location->format && location->plan->format == location->format)) {
-        const unsigned count = event->argumentCount < LoggingEvent::kMaxArguments ? event->argumentCount
-                                                                                   : LoggingEvent::kMaxArguments;
-        return render::renderPlanned(*location->plan, event, count, w);
-    }
+    if (const FormatPlan* plan = render::planOf(*event))
+        return render::renderPlanned(*plan, event, render::argumentsOf(*event), w);
     return renderMessage(event, w);
 }
 
