@@ -74,6 +74,10 @@ protected:
 
 private:
     friend void restartAsyncDeliveryInChild();
+    friend class Logger;
+    // deliver(), with the usual case (no filter, synchronous) inline for the
+    // logger's own path; defined in the library.
+    inline void deliverInline(const LoggingEvent* event);
     struct AsyncQueue;
     struct AsyncState {
         std::atomic<bool> on{false};
@@ -86,7 +90,7 @@ private:
     template <class Change>
     void underLockHolder(Change&& change);
     int runFilters(const LoggingEvent* event) const;
-    void countIssued(unsigned long long n);
+    inline void countIssued(unsigned long long n);
 
     // Read by every delivery.
     AsyncState async_;

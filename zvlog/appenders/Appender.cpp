@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "zvlog/Logger.h"
+#include "zvlog/appenders/AppenderDelivery.h"
 #include "zvlog/appenders/AsyncQueue.h"
 #include "zvlog/buffer/Block.h"
 #include "zvlog/buffer/LogBufferImpl.h"
@@ -171,12 +172,6 @@ void Appender::deliverRaw(const void* data, unsigned int length, unsigned int ev
     MutexLock lock(mutex_);
     append(data, length);
     countIssued(eventCount);
-}
-
-// The issued count has one writer at a time (the holder of the appender's
-// lock, or its delivery thread), so it needs no locked instruction.
-void Appender::countIssued(unsigned long long n) {
-    eventsIssued_.store(eventsIssued_.load(std::memory_order_relaxed) + n, std::memory_order_relaxed);
 }
 
 unsigned int Appender::deliveryThread(void* self) {

@@ -1,6 +1,7 @@
 #include "zvlog/buffer/LogBufferImpl.h"
 
 #include <atomic>
+#include <cerrno>
 #include <bit>
 #include <type_traits>
 #include <cstring>
@@ -10,6 +11,8 @@
 #include "zvlog/Logger.h"
 #include "zvlog/buffer/Block.h"
 #include "zvlog/buffer/CrashRecorder.h"
+#include "zvlog/core/CallSites.h"
+#include "zvlog/core/Clock.h"
 #include "zvlog/core/ThreadRecord.h"
 #include "zvlog/msg/RaiseMessage.h"
 #include "zvstd/Fatal.h"
@@ -584,6 +587,51 @@ void LogBufferImpl::addEventWithArguments(LoggingEvent& event, const detail::Arg
     beginEvent(&event);
     putArguments(args, count, event);
 }
+
+namespace detail {
+
+// The out-of-line part of an enabled call. It lives here, with the event
+// buffer, so that the event's encoding is inline in it.
+void logEvent(Logger* logger, unsigned char level, CallSite& site, const char* format, const ArgRef* args,
+              unsigned short count) {
+    const int savedErrno = errno;
+    ThreadRecord* thread = currentThreadRecord();
+    if (ZVLOG_UNLIKELY(!thread || insideLogging(thread))) {  // logging from inside logging
+        errno = savedErrno;
+        return;
+    }
+    enterLogging(thread);
+    thread->savedErrno = savedErrno;
+
+    unsigned int key = site.key.load(std::memory_order_acquire);
+    if (ZVLOG_UNLIKELY(key == 0)) key = registerCallSite(site, format, count);
+
+    LoggingEvent event;
+    EventAttributes& a = event.attributes;
+    a.location = &site.record;
+    const uint64_t now = libclock::readPacked();
+    a.time.tv_sec = static_cast<uint32_t>(now >> 32);
+    a.time.tv_usec = static_cast<uint32_t>(now);
+    a.sequence = sequenceCounter.fetch_add(1, std::memory_order_relaxed) + 1;
+    a.threadNumber = thread->number;
+    a.loggerIndex = logger->getIndex();
+    a.level = level;
+    a.locationKey = key;
+
+    LogBufferImpl* buffer = threadBuffer(thread);
+    buffer->beginEvent(&event);
+    buffer->putArguments(args, count, event);
+    event.bufferBase = buffer->blockBase();
+    event.bufferOffset = buffer->eventOffset();
+    event.bufferLength = buffer->writeOffset() - event.bufferOffset;
+
+    logger->doAppend(&event);
+
+    leaveLogging(thread);
+    errno = savedErrno;
+}
+
+}  // namespace detail
 
 [[gnu::always_inline]] inline void LogBufferImpl::putArguments(const detail::ArgRef* args, unsigned short count,
                                                                LoggingEvent& event) {

@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "zvlog/Log.h"
 #include "zvlog/LogBuffer.h"
 #include "zvlog/LoggingEvent.h"
 #include "zvlog/buffer/BinaryFormat.h"
@@ -12,10 +13,6 @@
 namespace zvs::zvlib::zvlog {
 
 struct ThreadRecord;
-
-namespace detail {
-struct ArgRef;
-}
 
 class ZVLOG_API LogBufferImpl final : public LogBuffer {
 public:
@@ -65,6 +62,9 @@ public:
     bool crashView(bool settled, const unsigned char*& stream, uint32_t& length) const;
 
 private:
+    // The logging call encodes its event inline (LogBufferImpl.cpp).
+    friend void detail::logEvent(Logger* logger, unsigned char level, CallSite& site, const char* format,
+                                 const detail::ArgRef* args, unsigned short count);
     struct State;
     unsigned short beginEvent(const LoggingEvent* event);
     void putArguments(const detail::ArgRef* args, unsigned short count, LoggingEvent& event);

@@ -1,11 +1,9 @@
-// The out-of-line part of a logging call and the process-wide table of
-// call-site location records.
-#include <cerrno>
-
+// The process-wide table of call-site location records and the event
+// attributes' constructors. The logging call itself lives with the event
+// buffer (LogBufferImpl.cpp), so that its event is encoded inline.
 #include "zvlog/Log.h"
 #include "zvlog/SparseArray.h"
-#include "zvlog/buffer/LogBufferImpl.h"
-#include "zvlog/core/Clock.h"
+#include "zvlog/core/CallSites.h"
 #include "zvlog/core/FormatPlan.h"
 #include "zvlog/core/ThreadRecord.h"
 
@@ -14,9 +12,13 @@ namespace zvs::zvlib::zvlog {
 using MultiThreading::Mutex;
 using MultiThreading::MutexLock;
 
-namespace {
-
+namespace detail {
 std::atomic<unsigned int> sequenceCounter{0};
+}  // namespace detail
+
+using detail::sequenceCounter;
+
+namespace {
 
 struct LocationTable {
     Mutex mutex{Mutex::NonRecursive};
@@ -40,28 +42,6 @@ LocationTable& locations() {
 
 inline unsigned int makeKey(unsigned int moduleIndex, unsigned short line) { return (moduleIndex << 16) + line; }
 
-// Registers a call site's own record under its location key. Two sites on
-// one line of one file would share a key; the later one gets a module index
-// of its own so that a key always names exactly one record.
-unsigned int registerCallSite(CallSite& site, const char* format, unsigned short count) {
-    LocationTable& t = locations();
-    MutexLock lock(t.mutex);
-    unsigned int key = site.key.load(std::memory_order_relaxed);
-    if (key) return key;
-    site.record.format = format;
-    site.record.argumentCount = count;
-    if (format) site.record.plan = makeFormatPlan(format);
-    key = makeKey(t.moduleIndex(site.record.module), site.record.line);
-    bool created = false;
-    auto* node = t.records.insert(key, &created);
-    if (!created && node->value != &site.record) {
-        key = makeKey(++t.moduleCounter, site.record.line);
-        node = t.records.insert(key, &created);
-    }
-    node->value = &site.record;
-    site.key.store(key, std::memory_order_release);
-    return key;
-}
 
 }  // namespace
 
@@ -100,42 +80,26 @@ EventAttributes::EventAttributes(const LocationRecord* record, unsigned int key,
 
 namespace detail {
 
-void logEvent(Logger* logger, unsigned char level, CallSite& site, const char* format, const ArgRef* args,
-              unsigned short count) {
-    const int savedErrno = errno;
-    ThreadRecord* thread = currentThreadRecord();
-    if (ZVLOG_UNLIKELY(!thread || insideLogging(thread))) {  // logging from inside logging
-        errno = savedErrno;
-        return;
+// Two sites on one line of one file would share a key; the later one gets a
+// module index of its own so that a key always names exactly one record.
+unsigned int registerCallSite(CallSite& site, const char* format, unsigned short count) {
+    LocationTable& t = locations();
+    MutexLock lock(t.mutex);
+    unsigned int key = site.key.load(std::memory_order_relaxed);
+    if (key) return key;
+    site.record.format = format;
+    site.record.argumentCount = count;
+    if (format) site.record.plan = makeFormatPlan(format);
+    key = makeKey(t.moduleIndex(site.record.module), site.record.line);
+    bool created = false;
+    auto* node = t.records.insert(key, &created);
+    if (!created && node->value != &site.record) {
+        key = makeKey(++t.moduleCounter, site.record.line);
+        node = t.records.insert(key, &created);
     }
-    enterLogging(thread);
-    thread->savedErrno = savedErrno;
-
-    unsigned int key = site.key.load(std::memory_order_acquire);
-    if (ZVLOG_UNLIKELY(key == 0)) key = registerCallSite(site, format, count);
-
-    LoggingEvent event;
-    EventAttributes& a = event.attributes;
-    a.location = &site.record;
-    const uint64_t now = libclock::readPacked();
-    a.time.tv_sec = static_cast<uint32_t>(now >> 32);
-    a.time.tv_usec = static_cast<uint32_t>(now);
-    a.sequence = sequenceCounter.fetch_add(1, std::memory_order_relaxed) + 1;
-    a.threadNumber = thread->number;
-    a.loggerIndex = logger->getIndex();
-    a.level = level;
-    a.locationKey = key;
-
-    LogBufferImpl* buffer = threadBuffer(thread);
-    buffer->addEventWithArguments(event, args, count);
-    event.bufferBase = buffer->blockBase();
-    event.bufferOffset = buffer->eventOffset();
-    event.bufferLength = buffer->writeOffset() - event.bufferOffset;
-
-    logger->doAppend(&event);
-
-    leaveLogging(thread);
-    errno = savedErrno;
+    node->value = &site.record;
+    site.key.store(key, std::memory_order_release);
+    return key;
 }
 
 }  // namespace detail

@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "zvlog/Appender.h"
+#include "zvlog/appenders/AppenderDelivery.h"
 #include "zvlog/core/Library.h"
 #include "zvstd/MutexInline.h"
 
@@ -147,7 +148,7 @@ void Logger::doAppend(const LoggingEvent* event) {
             for (Appender* a : current->appenders_) {
                 if (a->isEnabled() && level >= a->getThreshold() &&
                     a->getDeliveryMode() == Appender::DELIVERY_DIRECT)
-                    a->deliver(event);
+                    a->deliverInline(event);
                 current->eventsIssued_.store(current->eventsIssued_.load(std::memory_order_relaxed) + 1,
                                              std::memory_order_relaxed);
             }
