@@ -588,6 +588,11 @@ void LogBufferImpl::addEventWithArguments(LoggingEvent& event, const detail::Arg
     putArguments(args, count, event);
 }
 
+// Next to the logging call, which builds one for every event: here the
+// compiler sees it.
+EventAttributes::EventAttributes()
+    : location(nullptr), time{0, 0}, sequence(0), threadNumber(0), loggerIndex(0), level(0), locationKey(0) {}
+
 namespace detail {
 
 // The out-of-line part of an enabled call. It lives here, with the event

@@ -45,9 +45,6 @@ inline unsigned int makeKey(unsigned int moduleIndex, unsigned short line) { ret
 
 }  // namespace
 
-EventAttributes::EventAttributes()
-    : location(nullptr), time{0, 0}, sequence(0), threadNumber(0), loggerIndex(0), level(0), locationKey(0) {}
-
 EventAttributes::EventAttributes(const char* const& format, const char* const& module, const char* const& method,
                                  unsigned short line, unsigned short argumentCount, unsigned short loggerIdx,
                                  unsigned char lvl)
