@@ -151,13 +151,15 @@
 // and neither always runs first. (quill, whose backend thread polls until
 // the process ends, runs after all the others.)
 //
-//   bench_compare [--reps=N] [--scale=F] [--dir=DIR]
+//   bench_compare [--reps=N] [--scale=F] [--each] [--dir=DIR]
 //                 [--libs=zvlog,spdlog,quill,log4cxx,log4cplus]
 //                 [--cases=disabled,format,file1,file2,async,mp,latency,threads,payload]
 //
 // --scale multiplies the event counts; --dir is where the temporary folder
 // for the files goes (default /tmp); --libs and --cases pick what runs (for
-// profiling one case alone). The full run takes about 35-40 s on two cores.
+// profiling one case alone); --each prints every repetition's figure under
+// each row of the tables, to see how far a run's repetitions agree. The full
+// run takes about 35-40 s on two cores.
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -1582,6 +1584,9 @@ double median(std::vector<double> v) {
     return v.size() % 2 ? v[m] : (v[m - 1] + v[m]) / 2;
 }
 
+// --each: every repetition's figure under each row, to judge a run's noise.
+bool gShowEach = false;
+
 struct Options {
     int reps = 3;
     double scale = 1;
@@ -1608,6 +1613,8 @@ bool parseOptions(int argc, char** argv, Options& o) {
         } else if (a.rfind("--scale=", 0) == 0) {
             o.scale = std::atof(a.c_str() + 8);
             if (!(o.scale > 0)) return false;
+        } else if (a == "--each") {
+            gShowEach = true;
         } else if (a.rfind("--dir=", 0) == 0) {
             o.dir = a.substr(6);
         } else if (a.rfind("--libs=", 0) == 0) {
@@ -1663,6 +1670,12 @@ public:
         auto& row = rows_[key];
         if (row.empty()) row.resize(libs_);
         row[lib].push_back(value);
+    }
+    // Every repetition's figure, in the order they ran.
+    std::vector<double> each(const std::string& key, size_t lib) const {
+        auto it = rows_.find(key);
+        if (it == rows_.end() || lib >= it->second.size()) return {};
+        return it->second[lib];
     }
     // The median of a row for one contender, -1 when there is none.
     double median(const std::string& key, size_t lib) const {
@@ -1724,6 +1737,15 @@ void printTable(const char* title, const std::vector<Row>& rows, const Results& 
             }
         }
         std::printf("\n");
+        if (gShowEach) {
+            for (size_t k = 0; k < contenders.size(); ++k) {
+                const std::vector<double> v = results.each(r.key, k);
+                if (v.empty()) continue;
+                std::printf("      %-10s", contenders[k]->name());
+                for (double x : v) std::printf(" %.1f", x);
+                std::printf("\n");
+            }
+        }
     }
     std::printf("  (ns per event, median of the repetitions; zv/best = zvlog / the fastest peer, below 1 is faster)\n\n");
 }
@@ -1915,7 +1937,7 @@ int main(int argc, char** argv) {
     }
     Options opt;
     if (!parseOptions(argc, argv, opt)) {
-        std::fprintf(stderr, "usage: %s [--reps=N] [--scale=F] [--dir=DIR] [--libs=%s]\n          [--cases=%s]\n",
+        std::fprintf(stderr, "usage: %s [--reps=N] [--scale=F] [--each] [--dir=DIR] [--libs=%s]\n          [--cases=%s]\n",
                      argv[0], kLibList, kCaseList);
         return 2;
     }
