@@ -63,6 +63,9 @@ private:
     struct Caches;
     void parse();
     void formatElement(size_t index, int kind, bool sized, const LoggingEvent* event, text::Writer& w);
+    // The parts of format() that the usual line does not take, out of its way.
+    void formatStep(size_t index, int kind, bool sized, const LoggingEvent* event, text::Writer& w);
+    void formatHead(const LoggingEvent* event, text::Writer& w);
 
     std::vector<Element> elements_;
     std::string scratch_;

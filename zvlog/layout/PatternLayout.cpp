@@ -396,50 +396,65 @@ void PatternLayout::parse() {
     if (sized) padOrCutSlow(e, w.string(), start);
 }
 
+// The line head (the steps before the message: date, level, logger...) is
+// kept for the next event of the same millisecond, level and logger; this
+// lays it out in full and keeps it.
+[[gnu::noinline]] void PatternLayout::formatHead(const LoggingEvent* event, text::Writer& w) {
+    Caches& c = *caches_;
+    Caches::Head& head = c.head;
+    const EventAttributes& a = event->attributes;
+    const size_t start = w.position();
+    w.putPadded(c.literals.data(), c.prefixLength);
+    for (const Caches::Step *step = c.steps.data(), *const headEnd = step + head.steps; step != headEnd; ++step) {
+        formatElement(step->element, step->kind, step->sized, event, w);
+        w.putPadded(step->after, step->afterLength);
+    }
+    // A duration's text depends on more than its millisecond.
+    head.valid = a.time.tv_sec >= kFirstCalendarSecond;
+    if (head.valid) {
+        const std::string& text = w.string();
+        head.text.assign(text, start, std::string::npos);
+        head.length = head.text.size();
+        head.text.append(Caches::Head::kChunk, '\0');
+        head.second = a.time.tv_sec;
+        head.millisecond = a.time.tv_usec / 1000;
+        head.logger = a.loggerIndex;
+        head.level = a.level;
+    }
+}
+
+[[gnu::noinline]] void PatternLayout::formatStep(size_t index, int kind, bool sized, const LoggingEvent* event,
+                                                 text::Writer& w) {
+    formatElement(index, kind, sized, event, w);
+}
+
+// The usual line takes the kept head and the message of a registered format;
+// everything else is out of line, so that the usual path stays small.
 void PatternLayout::format(const LoggingEvent* event, std::string& out) {
     if (!event) return;
     text::Writer w(out, 0);
     Caches& c = *caches_;
-    Caches::Head& head = c.head;
+    const Caches::Head& head = c.head;
     const Caches::Step* step = c.steps.data();
     const Caches::Step* const end = step + c.steps.size();
     if (head.steps != 0 && !replayedLogger_) {
         const EventAttributes& a = event->attributes;
         // The microseconds' thousands: the printed millisecond, as a key.
-        const uint32_t millisecond = a.time.tv_usec / 1000;
-        if (head.valid && head.second == a.time.tv_sec && head.millisecond == millisecond &&
-            head.logger == a.loggerIndex && head.level == a.level) {
+        if (ZVLOG_LIKELY(head.valid && head.second == a.time.tv_sec && head.millisecond == a.time.tv_usec / 1000 &&
+                         head.logger == a.loggerIndex && head.level == a.level))
             w.putPadded<Caches::Head::kChunk>(head.text.data(), head.length);
-            step += head.steps;
-        } else {
-            const size_t start = w.position();
-            w.putPadded(c.literals.data(), c.prefixLength);
-            for (const Caches::Step* const headEnd = step + head.steps; step != headEnd; ++step) {
-                formatElement(step->element, step->kind, step->sized, event, w);
-                w.putPadded(step->after, step->afterLength);
-            }
-            // A duration's text depends on more than its millisecond.
-            head.valid = a.time.tv_sec >= kFirstCalendarSecond;
-            if (head.valid) {
-                const std::string& text = w.string();
-                head.text.assign(text, start, std::string::npos);
-                head.length = head.text.size();
-                head.text.append(Caches::Head::kChunk, '\0');
-                head.second = a.time.tv_sec;
-                head.millisecond = millisecond;
-                head.logger = a.loggerIndex;
-                head.level = a.level;
-            }
-        }
+        else
+            formatHead(event, w);
+        step += head.steps;
     } else {
         w.putPadded(c.literals.data(), c.prefixLength);
     }
     for (; step != end; ++step) {
-        // The message, the usual step after the head, without the switch.
-        if (step->kind == 'm' && !step->sized)
+        // The message, the usual step after the head, inline.
+        if (ZVLOG_LIKELY(step->kind == 'm' && !step->sized))
             formatElement(step->element, 'm', false, event, w);
         else
-            formatElement(step->element, step->kind, step->sized, event, w);
+            formatStep(step->element, step->kind, step->sized, event, w);
         w.putPadded(step->after, step->afterLength);
     }
 }
