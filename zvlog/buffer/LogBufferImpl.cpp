@@ -583,11 +583,6 @@ void LogBufferImpl::addArguments(const detail::ArgRef* args, unsigned short coun
     putArguments(args, count, event);
 }
 
-void LogBufferImpl::addEventWithArguments(LoggingEvent& event, const detail::ArgRef* args, unsigned short count) {
-    beginEvent(&event);
-    putArguments(args, count, event);
-}
-
 // Next to the logging call, which builds one for every event: here the
 // compiler sees it.
 EventAttributes::EventAttributes()

@@ -27,8 +27,6 @@ public:
     // Fixed-size values and short texts that all fit in the block go in one
     // pass; anything else takes addArgument's way.
     void addArguments(const detail::ArgRef* args, unsigned short count, LoggingEvent& event);
-    // addEvent and addArguments in one call, as the logging call makes them.
-    void addEventWithArguments(LoggingEvent& event, const detail::ArgRef* args, unsigned short count);
 
     // Closes the current block if it holds an event; the next event starts a
     // fresh block.

@@ -42,7 +42,6 @@ LocationTable& locations() {
 
 inline unsigned int makeKey(unsigned int moduleIndex, unsigned short line) { return (moduleIndex << 16) + line; }
 
-
 }  // namespace
 
 EventAttributes::EventAttributes(const char* const& format, const char* const& module, const char* const& method,
