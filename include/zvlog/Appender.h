@@ -78,6 +78,8 @@ private:
     // deliver(), with the usual case (no filter, synchronous) inline for the
     // logger's own path; defined in the library.
     inline void deliverInline(const LoggingEvent* event);
+    // The synchronous append: under the appender's lock, counted.
+    inline void appendUnderLock(const LoggingEvent* event);
     struct AsyncQueue;
     struct AsyncState {
         std::atomic<bool> on{false};

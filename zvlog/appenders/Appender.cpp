@@ -163,9 +163,7 @@ void Appender::deliver(const LoggingEvent* event) {
         if (q->push(*event)) q->wake.set();
         return;
     }
-    MultiThreading::detail::InlineMutexLock lock(mutex_);
-    append(event);
-    countIssued(1);
+    appendUnderLock(event);
 }
 
 void Appender::deliverRaw(const void* data, unsigned int length, unsigned int eventCount) {

@@ -13,6 +13,10 @@ namespace zvs::zvlib::zvlog {
         deliver(event);
         return;
     }
+    appendUnderLock(event);
+}
+
+[[gnu::always_inline]] inline void Appender::appendUnderLock(const LoggingEvent* event) {
     MultiThreading::detail::InlineMutexLock lock(mutex_);
     append(event);
     countIssued(1);

@@ -100,8 +100,7 @@ inline unsigned decimalDigits(uint64_t v) {
 
 inline void appendUnsigned(std::string& out, uint64_t v) {
     char buf[20];
-    char* first = writeDecimalBackwards(buf + sizeof buf, v);
-    out.append(first, static_cast<size_t>(buf + sizeof buf - first));
+    out.append(buf, static_cast<size_t>(writeDecimal(buf, v) - buf));
 }
 
 inline void appendSigned(std::string& out, int64_t v) {
